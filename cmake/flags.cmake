@@ -1,0 +1,40 @@
+# One interface library carries what every target is compiled and linked with; a second one adds
+# what the tool's own code may do without.
+
+add_library(wmbusctl_flags INTERFACE)
+target_compile_options(wmbusctl_flags INTERFACE
+  -Wall -Wextra -Wshadow -Wconversion -Wformat=2
+  $<$<BOOL:${WMBUSCTL_WERROR}>:-Werror>
+  -fstack-protector-strong)
+target_link_options(wmbusctl_flags INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
+target_link_libraries(wmbusctl_flags INTERFACE Threads::Threads)
+
+if(WMBUSCTL_SANITIZE STREQUAL "")
+  # FORTIFY needs optimization and does not go together with the sanitizers' interceptors.
+  target_compile_options(wmbusctl_flags INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE$<SEMICOLON>-D_FORTIFY_SOURCE=2>)
+elseif(WMBUSCTL_SANITIZE STREQUAL "address")
+  set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+elseif(WMBUSCTL_SANITIZE STREQUAL "thread")
+  set(sanitizers -fsanitize=thread -fno-omit-frame-pointer)
+else()
+  message(FATAL_ERROR "WMBUSCTL_SANITIZE must be empty, address or thread")
+endif()
+target_compile_options(wmbusctl_flags INTERFACE ${sanitizers})
+target_link_options(wmbusctl_flags INTERFACE ${sanitizers})
+
+# The tool and its runtime layer throw nothing and inherit nothing, and drop what is not called.
+add_library(wmbusctl_plain INTERFACE)
+target_compile_options(wmbusctl_plain INTERFACE
+  -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections)
+target_link_options(wmbusctl_plain INTERFACE -Wl,--gc-sections)
+target_link_libraries(wmbusctl_plain INTERFACE wmbusctl_flags)
+
+add_library(wmbusctl_coap INTERFACE)
+target_include_directories(wmbusctl_coap SYSTEM INTERFACE ${COAP_INCLUDE_DIRS})
+if(WMBUSCTL_STATIC_COAP)
+  find_library(COAP_ARCHIVE NAMES libcoap-3-notls.a HINTS ${COAP_LIBRARY_DIRS} REQUIRED)
+  target_link_libraries(wmbusctl_coap INTERFACE ${COAP_ARCHIVE})
+else()
+  target_link_libraries(wmbusctl_coap INTERFACE ${COAP_LINK_LIBRARIES})
+endif()

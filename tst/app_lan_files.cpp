@@ -1,0 +1,183 @@
+#include "app_lan_state.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+#include "coap_client.h"
+#include "lan_cursor.h"
+#include "vos_fs.h"
+#include "vos_mem.h"
+#include "vos_trace.h"
+
+namespace
+{
+
+constexpr char MODULE[] = "app_lan";
+constexpr char FIRMWARE_DIRECTORY[] = "/var/ftp/";
+constexpr uint32_t PLACED_PATH_SIZE = 29;
+
+constexpr uint32_t PACKET_RADIO_MODE = 16;
+constexpr uint8_t PACKET_CHANNEL = 2;
+constexpr uint32_t PACKET_TYPE = 0;
+constexpr uint8_t PACKET_POWER = 27;
+
+// Largest packet whose request goes out whole: 1400 bytes less the CoAP header (4), the resource's
+// name (1 + 10), the payload marker (1) and the tx frame header.
+constexpr uint32_t MAX_PACKET_SIZE = 1400 - 4 - (1 + 10) - 1 - LAN_TX_HEADER_SIZE;
+
+// The file of an upgrade that can't be done; it may be gone already, or never have been a file.
+void remove_file(const char *path)
+{
+    if (unlink(path) != 0 && errno != ENOENT && errno != EISDIR) {
+        vos_trace_error(MODULE, __LINE__, "Can't remove file %s : %s", path, strerror(errno));
+    }
+}
+
+template<size_t N> void copy_cut(char (&field)[N], const char *text)
+{
+    snprintf(field, N, "%s", text);
+}
+
+// Notes the upgrade in the modem's slot before the modem is asked, so that a quick report of the
+// outcome finds it. False without such a modem.
+bool note_upgrade(uint32_t serial, const char *name, const char *file_name, ModemEntry *copy)
+{
+    const VosMutexGuard guard(lan_state.lan_modem);
+    ModemEntry *slot = lan_slot_by_serial(serial);
+    if (slot == nullptr) {
+        return false;
+    }
+    copy_cut(slot->fw_name, name);
+    copy_cut(slot->fw_file_name, file_name);
+    *copy = *slot;
+    return true;
+}
+
+void announce_firmware(const ModemEntry *modem, uint32_t size, const char *file_name)
+{
+    const auto name_length = static_cast<uint16_t>(strlen(file_name));
+    uint8_t payload[4 + 2 + PLACED_PATH_SIZE];
+    LanWriter writer{payload, sizeof payload, false};
+    lan_write_u32(&writer, size);
+    lan_write_u16(&writer, name_length);
+    lan_write_bytes(&writer, file_name, name_length + 1U);
+    coap_client_send_request(&modem->address, LAN_COAP_PORT, LAN_FIRMWARE_UPGRADE_REQ, payload,
+                             static_cast<uint16_t>(sizeof payload - writer.room));
+}
+
+// Checks before the first packet that the file can go out in such packets.
+bool can_download(const char *path, uint32_t packet_size)
+{
+    uint32_t size = 0;
+    vos_fs_get_file_size(path, &size);
+    if (size == 0) {
+        vos_trace_error(MODULE, __LINE__, "Empty file for download(%s)", path);
+        return false;
+    }
+    if (packet_size == 0 || size % packet_size != 0) {
+        vos_trace_error(MODULE, __LINE__, "file not wellformed, size %d is not modulo %d ", size,
+                        packet_size);
+        return false;
+    }
+    if (packet_size > MAX_PACKET_SIZE) {
+        vos_trace_error(MODULE, __LINE__, "packet size %u too large for a request, at most %u",
+                        packet_size, MAX_PACKET_SIZE);
+        return false;
+    }
+    return true;
+}
+
+// The modem is looked up for every packet: it may announce itself from another address meanwhile.
+void send_packets(uint32_t serial, FILE *file, uint32_t packet_size, uint32_t delay)
+{
+    uint8_t packet[MAX_PACKET_SIZE];
+    ModemEntry modem;
+    uint16_t counter = 1;
+    while (fread(packet, 1, packet_size, file) == packet_size && lan_copy_modem(serial, &modem)) {
+        vos_trace_debug(MODULE, __LINE__, "Send packet n %d", counter);
+        lan_send_tx_msg(&modem, 0, 0, PACKET_RADIO_MODE, PACKET_CHANNEL, PACKET_TYPE, PACKET_POWER,
+                        packet, packet_size);
+        vos_util_sleep(delay);
+        ++counter;
+    }
+}
+
+// Size of the file once it is in its place: it may have changed since it was first looked at.
+uint32_t place_firmware(const char *path, const char *placed)
+{
+    if (vos_fs_move_file(path, placed) != VOS_FS_OK) {
+        vos_trace_error(MODULE, __LINE__, "Can not move fw file %s to %s", path, placed);
+        return 0;
+    }
+    uint32_t size = 0;
+    vos_fs_get_file_size(placed, &size);
+    if (size == 0) {
+        vos_trace_error(MODULE, __LINE__, "Empty firmware for upgrade(%s), name:%s", placed, path);
+        remove_file(placed);
+    }
+    return size;
+}
+
+} // namespace
+
+int lan_fw_upgrade(uint32_t serial, const char *path, const char *name)
+{
+    vos_trace_debug(MODULE, __LINE__, "Request fw upgrade of Modem %x (%s)", serial, path);
+    uint32_t size = 0;
+    vos_fs_get_file_size(path, &size);
+    if (size == 0) {
+        vos_trace_error(MODULE, __LINE__, "Empty firmware for upgrade(%s), name:%s", path, name);
+        remove_file(path);
+        return -1;
+    }
+    char placed[PLACED_PATH_SIZE];
+    snprintf(placed, sizeof placed, "%s%x", FIRMWARE_DIRECTORY, serial);
+    size = place_firmware(path, placed);
+    if (size == 0) {
+        remove_file(path);
+        return -1;
+    }
+    // The move has left the process in the firmware directory.
+    const char *file_name = placed + strlen(FIRMWARE_DIRECTORY);
+    ModemEntry modem;
+    if (!note_upgrade(serial, name, file_name, &modem)) {
+        vos_trace_error(MODULE, __LINE__, "No Modem %x for fw upgrade(%s), name:%s", serial,
+                        file_name, name);
+        remove_file(file_name);
+        remove_file(path);
+        return -1;
+    }
+    vos_trace_debug(MODULE, __LINE__, "Request fw upgrade of Modem %x (%s), name:%s, size:%d",
+                    serial, file_name, name, size);
+    announce_firmware(&modem, size, file_name);
+    return 1;
+}
+
+int lan_download_file(uint32_t serial, const char *path, uint32_t packet_size, uint32_t delay)
+{
+    vos_trace_debug(MODULE, __LINE__, "Request donwnload  file %s", path);
+    if (!can_download(path, packet_size)) {
+        return -1;
+    }
+    ModemEntry modem;
+    if (!lan_copy_modem(serial, &modem)) {
+        vos_trace_error(MODULE, __LINE__, "No Modem %x for fw download(%s)", serial, path);
+        return -1;
+    }
+    FILE *file = vos_fs_fopen(path, "rb");
+    if (file == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Can't open file for download(%s) : %s", path,
+                        strerror(errno));
+        return -1;
+    }
+    send_packets(serial, file, packet_size, delay);
+    const bool failed = ferror(file) != 0;
+    if (failed) {
+        vos_trace_error(MODULE, __LINE__, "Can't read file for download(%s) : %s", path,
+                        strerror(errno));
+    }
+    vos_fs_fclose(&file);
+    return failed ? -1 : 1;
+}

@@ -1,0 +1,155 @@
+#include "app_lan_state.h"
+
+#include <cstring>
+
+#include "coap_server.h"
+#include "vos_mem.h"
+#include "vos_trace.h"
+
+namespace
+{
+
+constexpr char MODULE[] = "app_lan";
+constexpr uint32_t TASK_PRIORITY = 6;
+constexpr uint32_t ITF_TASK_WAIT = 100; // ticks
+constexpr uint32_t MODEM_TASK_WAIT = 500;
+
+void free_msg(LanMsg *msg)
+{
+    vos_mem_free(&msg->payload);
+    vos_mem_free(&msg);
+}
+
+// Null when memory is out.
+LanMsg *new_msg(uint32_t type, const coap_address_t *from, const uint8_t *payload, uint32_t length)
+{
+    LanMsg *msg = nullptr;
+    vos_mem_calloc(&msg, sizeof *msg);
+    if (msg == nullptr) {
+        return nullptr;
+    }
+    msg->type = type;
+    msg->from = *from;
+    if (length != 0) {
+        vos_mem_calloc(&msg->payload, length);
+        if (msg->payload == nullptr) {
+            vos_mem_free(&msg);
+            return nullptr;
+        }
+        memcpy(msg->payload, payload, length);
+    }
+    msg->length = length;
+    return msg;
+}
+
+void dispatch_modem_msg(const LanMsg *msg)
+{
+    switch (msg->type) {
+    case LAN_MSG_INFO:
+        lan_handle_info(&msg->from, msg->payload, msg->length);
+        break;
+    case LAN_MSG_FW_INSTALL:
+        lan_handle_fw_install(&msg->from, msg->payload, msg->length);
+        break;
+    case LAN_MSG_STATS:
+        lan_handle_stats(&msg->from, msg->payload, msg->length);
+        break;
+    case LAN_MSG_PARAM:
+        lan_handle_param(&msg->from, msg->payload, msg->length);
+        break;
+    default:
+        break;
+    }
+}
+
+void dispatch_itf_msg(const LanMsg *msg)
+{
+    if (msg->type == LAN_MSG_RX_FRAME) {
+        lan_handle_rx_msg(&msg->from, msg->payload, msg->length);
+    }
+}
+
+uint32_t run_lan_task(VosTask *task, uint32_t wait, void (*dispatch)(const LanMsg *))
+{
+    for (;;) {
+        void *received = nullptr;
+        if (vos_mbx_receive(task, &received, wait) != 1 || received == nullptr) {
+            continue;
+        }
+        auto *msg = static_cast<LanMsg *>(received);
+        if (msg->type == LAN_MSG_STOP) {
+            return 0; // a stop message stays its sender's
+        }
+        dispatch(msg);
+        free_msg(msg);
+    }
+}
+
+uint32_t run_server(VosTask * /*task*/, uintptr_t /*argument*/)
+{
+    coap_server_run();
+    return 0;
+}
+
+} // namespace
+
+uint32_t _lan_itf_task(VosTask *task, uintptr_t /*argument*/)
+{
+    return run_lan_task(task, ITF_TASK_WAIT, dispatch_itf_msg);
+}
+
+uint32_t _lan_modem_task(VosTask *task, uintptr_t /*argument*/)
+{
+    return run_lan_task(task, MODEM_TASK_WAIT, dispatch_modem_msg);
+}
+
+int lan_post_msg(uint32_t type, const coap_address_t *from, const uint8_t *payload, uint32_t length)
+{
+    LanMsg *msg = new_msg(type, from, payload, length);
+    if (msg == nullptr) {
+        return 0;
+    }
+    VosTask *task = type == LAN_MSG_RX_FRAME ? lan_state.itf_task : lan_state.modem_task;
+    void *sent = msg;
+    if (vos_mbx_send(task, &sent) != 1) {
+        free_msg(msg);
+        return 0;
+    }
+    return 1;
+}
+
+int lan_start()
+{
+    lan_state.lan = vos_mutex_create("lan");
+    lan_state.lan_modem = vos_mutex_create("lan_modem");
+    lan_state.stats = vos_mutex_create("stats");
+    if (lan_state.lan == nullptr || lan_state.lan_modem == nullptr || lan_state.stats == nullptr) {
+        vos_trace_fatal(MODULE, __LINE__, "No memory for the LAN locks");
+    }
+
+    const VosMutexGuard guard(lan_state.lan);
+    memset(lan_state.table, 0, sizeof lan_state.table);
+    memset(lan_state.counters, 0, sizeof lan_state.counters);
+    if (lan_state.itf_task == nullptr) {
+        lan_state.itf_task = vos_task_create(_lan_itf_task, TASK_PRIORITY, "_lan_itf_task", 0,
+                                             VOS_THREAD_STACK_SIZE);
+    }
+    if (lan_state.modem_task == nullptr) {
+        lan_state.modem_task = vos_task_create(_lan_modem_task, TASK_PRIORITY, "_lan_modem_task", 0,
+                                               VOS_THREAD_STACK_SIZE);
+    }
+    if (lan_state.rx_thread == nullptr) {
+        lan_state.rx_thread = vos_thread_create(run_server, TASK_PRIORITY, "lan_itf_rx_thread", 0);
+    }
+    if (lan_state.itf_task == nullptr || lan_state.modem_task == nullptr ||
+        lan_state.rx_thread == nullptr) {
+        vos_trace_fatal(MODULE, __LINE__, "No memory for the LAN tasks");
+    }
+    return 1;
+}
+
+int lan_stop()
+{
+    coap_server_stop();
+    return 1;
+}

@@ -1,0 +1,353 @@
+#include "coap_client.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <poll.h>
+#include <string_view>
+#include <sys/socket.h>
+
+#include "app_lan.h"
+#include "coap_server.h"
+#include "vos_mem.h"
+#include "vos_trace.h"
+
+namespace
+{
+
+constexpr char MODULE[] = "coap_client";
+constexpr uint16_t DEFAULT_PORT = 5683;
+constexpr size_t URI_PATH_ROOM = 40;
+constexpr size_t MAX_MESSAGE_SIZE = 1400;
+constexpr size_t MESSAGE_HEADER_SIZE = 4; // not counted in the size of a PDU
+constexpr int WAIT_SECONDS = 20;
+constexpr uint32_t CODE_CONTENT = 69; // 2.05
+constexpr uint32_t FIRST_ERROR_CLASS = 4;
+
+// One option of the request under construction.
+struct CoapOption {
+    CoapOption *next;
+    uint16_t number;
+    uint32_t length;
+    uint8_t *value; // behind the record, in the same block
+};
+
+unsigned code_class(uint32_t code)
+{
+    return code >> 5;
+}
+
+unsigned code_detail(uint32_t code)
+{
+    return code & 0x1F;
+}
+
+CoapOption *coap_client_new_option_node(uint16_t number, uint32_t length, const uint8_t *value)
+{
+    CoapOption *option = nullptr;
+    if (length <= MAX_MESSAGE_SIZE) {
+        vos_mem_alloc(&option, static_cast<uint32_t>(sizeof *option) + length);
+    }
+    if (option == nullptr) {
+        perror("new_option_node: malloc");
+        return nullptr;
+    }
+    *option = {nullptr, number, length, reinterpret_cast<uint8_t *>(option + 1)};
+    if (length != 0) {
+        memcpy(option->value, value, length);
+    }
+    return option;
+}
+
+// Over 0: a new option a goes behind b; a missing record has no number to compare.
+int coap_client_order_options(const CoapOption *a, const CoapOption *b)
+{
+    if (a == nullptr || b == nullptr) {
+        return a < b ? -1 : 1;
+    }
+    if (a->number == b->number) {
+        return 1;
+    }
+    return a->number < b->number ? -1 : 0;
+}
+
+bool insert_option(CoapOption **list, CoapOption *option)
+{
+    if (option == nullptr) {
+        return false;
+    }
+    while (*list != nullptr && coap_client_order_options(option, *list) >= 0) {
+        list = &(*list)->next;
+    }
+    option->next = *list;
+    *list = option;
+    return true;
+}
+
+void free_options(CoapOption **list)
+{
+    while (*list != nullptr) {
+        CoapOption *option = *list;
+        *list = option->next;
+        vos_mem_free(&option);
+    }
+}
+
+bool insert_port_option(CoapOption **list, uint16_t port)
+{
+    uint8_t value[sizeof port];
+    const unsigned length = coap_encode_var_safe(value, sizeof value, port);
+    return insert_option(list, coap_client_new_option_node(COAP_OPTION_URI_PORT, length, value));
+}
+
+bool insert_path_options(CoapOption **list, const LanRequest &request)
+{
+    uint8_t segments[URI_PATH_ROOM];
+    size_t size = sizeof segments;
+    const int count = coap_split_path(reinterpret_cast<const uint8_t *>(request.name),
+                                      request.name_length, segments, &size);
+    if (count < 0) {
+        return false;
+    }
+    const uint8_t *segment = segments;
+    for (int i = 0; i < count; ++i) {
+        if (!insert_option(list, coap_client_new_option_node(COAP_OPTION_URI_PATH,
+                                                             coap_opt_length(segment),
+                                                             coap_opt_value(segment)))) {
+            return false;
+        }
+        segment += coap_opt_size(segment);
+    }
+    return true;
+}
+
+// Null when memory is out. A payload that does not fit is left out; the library says so.
+coap_pdu_t *build_pdu(coap_session_t *session, uint16_t port, const LanRequest &request,
+                      const uint8_t *payload, uint16_t payload_length)
+{
+    CoapOption *options = nullptr;
+    bool complete = (port == DEFAULT_PORT || insert_port_option(&options, port)) &&
+                    (request.name_length == 0 || insert_path_options(&options, request));
+    const auto type = static_cast<coap_pdu_type_t>(request.method >> 8 & 3);
+    const auto code = static_cast<coap_pdu_code_t>(request.method & 0xFF);
+    coap_pdu_t *pdu = coap_pdu_init(type, code, coap_new_message_id(session),
+                                    MAX_MESSAGE_SIZE - MESSAGE_HEADER_SIZE);
+    for (const CoapOption *option = options; pdu != nullptr && option != nullptr;
+         option = option->next) {
+        complete =
+            coap_add_option(pdu, option->number, option->length, option->value) != 0 && complete;
+    }
+    free_options(&options);
+    if (!complete) {
+        coap_delete_pdu(pdu);
+        return nullptr;
+    }
+    if (pdu != nullptr && payload_length != 0 && payload != nullptr) {
+        coap_add_data(pdu, payload_length, payload);
+    }
+    return pdu;
+}
+
+struct DataAnswer {
+    std::string_view resource;
+    LanMsgType type;
+};
+
+constexpr DataAnswer DATA_ANSWERS[] = {
+    {LAN_INFO_REQ.name, LAN_MSG_INFO},
+    {LAN_STATISTICS_REQ.name, LAN_MSG_STATS},
+    {LAN_CONFIG_GET_PARAM_REQ.name, LAN_MSG_PARAM},
+};
+
+void post_content(const coap_session_t *session, const coap_pdu_t *sent, const coap_pdu_t *received)
+{
+    coap_opt_iterator_t iterator;
+    const coap_opt_t *path = coap_check_option(sent, COAP_OPTION_URI_PATH, &iterator);
+    if (path == nullptr) {
+        return;
+    }
+    const std::string_view name(reinterpret_cast<const char *>(coap_opt_value(path)),
+                                coap_opt_length(path));
+    for (const DataAnswer &answer : DATA_ANSWERS) {
+        if (name != answer.resource) {
+            continue;
+        }
+        if (answer.type == LAN_MSG_INFO) {
+            vos_trace_debug(MODULE, __LINE__, "info_req data received");
+        }
+        size_t length = 0;
+        const uint8_t *data = nullptr;
+        if (coap_get_data(received, &length, &data) != 0 &&
+            lan_post_msg(answer.type, coap_session_get_addr_remote(session), data,
+                         static_cast<uint32_t>(length)) != 1) {
+            vos_trace_error(MODULE, __LINE__, "No room for the answer to %s",
+                            answer.resource.data());
+        }
+    }
+}
+
+// One line: the code and, after a blank, what the modem says about it.
+void report_error_answer(uint32_t code, const coap_pdu_t *received)
+{
+    char line[MAX_MESSAGE_SIZE + 16];
+    const int printed = snprintf(line, sizeof line, "%u.%02u", code_class(code), code_detail(code));
+    auto size = static_cast<size_t>(printed);
+    size_t length = 0;
+    const uint8_t *data = nullptr;
+    if (coap_get_data(received, &length, &data) != 0 && length != 0) {
+        length = std::min(length, sizeof line - size - 2);
+        line[size++] = ' ';
+        memcpy(line + size, data, length);
+        size += length;
+    }
+    line[size++] = '\n';
+    fwrite(line, 1, size, stderr);
+}
+
+// The library acknowledges a confirmable response by itself once this has returned.
+coap_response_t coap_client_response_handler(coap_session_t *session, const coap_pdu_t *sent,
+                                             const coap_pdu_t *received, coap_mid_t /*id*/)
+{
+    const uint32_t code = coap_pdu_get_code(received);
+    if (coap_get_log_level() >= LOG_DEBUG) {
+        coap_log(LOG_DEBUG, "** process incoming %u.%02u response:\n", code_class(code),
+                 code_detail(code));
+        coap_show_pdu(LOG_DEBUG, received);
+    }
+    const bool acknowledgement = coap_pdu_get_type(received) == COAP_MESSAGE_ACK;
+    if (code == 0 || (acknowledgement && sent == nullptr)) {
+        return COAP_RESPONSE_OK; // acknowledges another message than ours
+    }
+    auto *last_code = static_cast<uint32_t *>(coap_get_app_data(coap_session_get_context(session)));
+    *last_code = code;
+    if (code == CODE_CONTENT && sent != nullptr) {
+        post_content(session, sent, received);
+    } else if (code_class(code) >= FIRST_ERROR_CLASS) {
+        report_error_answer(code, received);
+    }
+    return COAP_RESPONSE_OK;
+}
+
+// Milliseconds that no setting of the gateway's clock moves.
+int64_t monotonic_ms()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+}
+
+// The library's clock as it would stand had nobody set the time of day since it was read here.
+struct SteadyTicks {
+    coap_tick_t read;
+    int64_t read_at;
+};
+
+SteadyTicks read_steady_ticks()
+{
+    SteadyTicks ticks{0, monotonic_ms()};
+    coap_ticks(&ticks.read);
+    return ticks;
+}
+
+coap_tick_t steady_now(const SteadyTicks &ticks)
+{
+    const auto elapsed = static_cast<coap_tick_t>(monotonic_ms() - ticks.read_at);
+    return ticks.read + elapsed * COAP_TICKS_PER_SECOND / 1000;
+}
+
+// An ICMP error waits in the socket and would fail the next send or receive, on which the library
+// gives the exchange up. A modem that is just restarting answers a later retransmission, so the
+// error is taken off first.
+void discard_socket_error(int descriptor)
+{
+    int error = 0;
+    socklen_t size = sizeof error;
+    if (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size) != 0) {
+        perror("getsockopt");
+    }
+}
+
+// Runs the exchange until nothing is pending or the time is over.
+void wait_for_exchange(coap_context_t *context, int descriptor)
+{
+    const int64_t deadline = monotonic_ms() + WAIT_SECONDS * 1000;
+    coap_log(LOG_DEBUG, "timeout is set to %d seconds\n", WAIT_SECONDS);
+    SteadyTicks ticks = read_steady_ticks();
+    int64_t retransmission = 0;
+    while (coap_can_exit(context) == 0) {
+        const int64_t left = deadline - monotonic_ms();
+        if (left <= 0) {
+            coap_log(LOG_INFO, "timeout\n");
+            return;
+        }
+        discard_socket_error(descriptor);
+        const bool due = monotonic_ms() >= retransmission;
+        const int64_t next = coap_io_prepare_epoll(context, steady_now(ticks));
+        if (due) {
+            ticks =
+                read_steady_ticks(); // a retransmission restarts the queue on the library's clock
+        }
+        retransmission = monotonic_ms() + next;
+
+        pollfd socket{descriptor, POLLIN, 0};
+        const int ready =
+            poll(&socket, 1, static_cast<int>(next != 0 ? std::min(left, next) : left));
+        if (ready < 0 && errno != EINTR) {
+            perror("select");
+        } else if (ready > 0 && (socket.revents & POLLIN) != 0) {
+            discard_socket_error(descriptor);
+            coap_io_process(context, COAP_IO_NO_WAIT);
+        }
+    }
+}
+
+void send_and_wait(coap_context_t *context, coap_session_t *session, coap_pdu_t *pdu)
+{
+    if (coap_get_log_level() >= LOG_DEBUG) {
+        coap_log(LOG_DEBUG, "sending CoAP request:\n");
+        coap_show_pdu(LOG_DEBUG, pdu);
+    }
+    // The library owns the PDU from here on, also when sending fails; then nothing is pending.
+    const uint16_t port = coap_address_get_port(coap_session_get_addr_local(session));
+    if (coap_send(session, pdu) != COAP_INVALID_MID) {
+        wait_for_exchange(context, coap_server_find_socket(port));
+    }
+}
+
+} // namespace
+
+uint32_t coap_client_send_request(const coap_address_t *destination, uint16_t port,
+                                  LanRequest request, const uint8_t *payload,
+                                  uint16_t payload_length)
+{
+    coap_address_t remote = *destination;
+    coap_address_set_port(&remote, port);
+    coap_context_t *context = coap_server_get_context("0.0.0.0", "0");
+    if (context == nullptr) {
+        coap_log(LOG_EMERG, "cannot create context\n");
+        return 0;
+    }
+    uint32_t last_code = 0;
+    coap_set_app_data(context, &last_code);
+    coap_register_response_handler(context, coap_client_response_handler);
+
+    coap_address_t local;
+    coap_address_init(&local);
+    local.size = sizeof local.addr.sin;
+    local.addr.sin.sin_family = AF_INET;
+    coap_session_t *session = coap_new_client_session(context, &local, &remote, COAP_PROTO_UDP);
+    coap_pdu_t *pdu = nullptr;
+    if (session != nullptr) {
+        coap_session_set_mtu(session, MAX_MESSAGE_SIZE);
+        pdu = build_pdu(session, port, request, payload, payload_length);
+    }
+    if (pdu != nullptr) {
+        send_and_wait(context, session, pdu);
+        vos_trace_debug(MODULE, __LINE__, "COAP RES:%d.%02d", code_class(last_code),
+                        code_detail(last_code));
+    }
+    coap_free_context(context);
+    return last_code;
+}

@@ -1,0 +1,57 @@
+#include "coap_report.h"
+
+#include <algorithm>
+#include <coap3/coap.h>
+#include <cstdio>
+#include <fcntl.h>
+#include <iterator>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr size_t LINE_SIZE = 512; // below PIPE_BUF: a pipe takes such a line whole or not at all
+
+// Standard error opened once more, without blocking, when it is a pipe or a terminal. The flag
+// belongs to an open file, so setting it on the descriptor itself would reach whoever shares it.
+int report_descriptor = STDERR_FILENO;
+
+bool takes_bytes(int descriptor)
+{
+    pollfd output{descriptor, POLLOUT, 0};
+    return poll(&output, 1, 0) == 1;
+}
+
+void report(coap_log_t level, const char *message)
+{
+    static constexpr const char *LEVELS[] = {"EMERG", "ALERT",  "CRIT", "ERR",
+                                             "WARN",  "NOTICE", "INFO", "DEBUG"};
+    const auto index = std::min<size_t>(static_cast<size_t>(level), std::size(LEVELS) - 1);
+    char line[LINE_SIZE];
+    const int printed = snprintf(line, sizeof line, "%s %s", LEVELS[index], message);
+    auto length = std::min<size_t>(static_cast<size_t>(std::max(printed, 0)), sizeof line - 1);
+    if (length == sizeof line - 1) {
+        line[length - 1] = '\n';
+    }
+    if (takes_bytes(report_descriptor) && write(report_descriptor, line, length) < 0) {
+        return; // nobody reads the library's messages: nobody to tell
+    }
+}
+
+} // namespace
+
+void coap_report_start()
+{
+    struct stat status {
+    };
+    if (fstat(STDERR_FILENO, &status) == 0 &&
+        (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))) {
+        const int reopened = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        if (reopened >= 0) {
+            report_descriptor = reopened;
+        }
+    }
+    coap_set_log_handler(report);
+}

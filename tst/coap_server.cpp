@@ -1,0 +1,224 @@
+#include "coap_server.h"
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <net/if.h>
+#include <netdb.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "app_lan.h"
+#include "coap_report.h"
+#include "vos_trace.h"
+#include "vos_util_linux.h"
+
+namespace
+{
+
+constexpr char MODULE[] = "coap_server";
+constexpr char LISTEN_HOST[] = "0.0.0.0";
+constexpr char LISTEN_SERVICE[] = "5683";
+constexpr char MULTICAST_GROUP[] = "224.1.2.3";
+constexpr char MULTICAST_INTERFACE[] = "eth0";
+constexpr uint32_t TURN_MS = 2000;
+constexpr socklen_t MAX_ADDRESS_SIZE = 128;
+constexpr int MAX_DESCRIPTORS = 1024;
+
+// A sender without an exchange under way keeps a session for some minutes; more of them than this
+// push out the oldest, so that a sweep over source ports costs no memory.
+constexpr unsigned MAX_IDLE_SESSIONS = 64;
+
+std::atomic<uint32_t> quit_flag{0};
+
+void post_request(uint32_t type, const coap_session_t *session, const coap_pdu_t *request,
+                  coap_pdu_t *response)
+{
+    size_t length = 0;
+    const uint8_t *data = nullptr;
+    if (coap_get_data(request, &length, &data) == 0) {
+        length = 0;
+    }
+    const int posted = lan_post_msg(type, coap_session_get_addr_remote(session), data,
+                                    static_cast<uint32_t>(length));
+    coap_pdu_set_code(response, posted == 1 ? COAP_RESPONSE_CODE_VALID
+                                            : COAP_RESPONSE_CODE_SERVICE_UNAVAILABLE);
+}
+
+void coap_server_rx_msg_handler(coap_resource_t * /*resource*/, coap_session_t *session,
+                                const coap_pdu_t *request, const coap_string_t * /*query*/,
+                                coap_pdu_t *response)
+{
+    post_request(LAN_MSG_RX_FRAME, session, request, response);
+}
+
+void coap_server_info_handler(coap_resource_t * /*resource*/, coap_session_t *session,
+                              const coap_pdu_t *request, const coap_string_t * /*query*/,
+                              coap_pdu_t *response)
+{
+    post_request(LAN_MSG_INFO, session, request, response);
+}
+
+void coap_server_fw_install_handler(coap_resource_t * /*resource*/, coap_session_t *session,
+                                    const coap_pdu_t *request, const coap_string_t * /*query*/,
+                                    coap_pdu_t *response)
+{
+    post_request(LAN_MSG_FW_INSTALL, session, request, response);
+}
+
+struct ServedResource {
+    const char *name;
+    coap_request_t method;
+    coap_method_handler_t handler;
+};
+
+constexpr ServedResource SERVED_RESOURCES[] = {
+    {"rx_msg_req", COAP_REQUEST_PUT, coap_server_rx_msg_handler},
+    {"info_ind", COAP_REQUEST_POST, coap_server_info_handler},
+    {"firmware_install_ind", COAP_REQUEST_POST, coap_server_fw_install_handler},
+};
+
+void add_resource(coap_context_t *context, const ServedResource &served)
+{
+    coap_resource_t *resource = coap_resource_init(coap_make_str_const(served.name), 0);
+    coap_attr_t *attribute = nullptr;
+    if (resource != nullptr) {
+        coap_register_request_handler(resource, served.method, served.handler);
+        attribute = coap_add_attr(resource, coap_make_str_const("ct"), coap_make_str_const("0"), 0);
+    }
+    if (attribute == nullptr) {
+        vos_trace_fatal(MODULE, __LINE__, "No memory for resource %s", served.name);
+    }
+    coap_add_resource(context, resource);
+}
+
+// The membership is asked for on the interface's own address: the kernel takes the interface that
+// carries it and no other.
+void join_multicast_group()
+{
+    char interface_address[COAP_SERVER_IPV4_TEXT_SIZE] = "0.0.0.0";
+    coap_server_get_ipv4_addr(MULTICAST_INTERFACE, interface_address);
+
+    ip_mreq membership{};
+    membership.imr_multiaddr.s_addr = inet_addr(MULTICAST_GROUP);
+    membership.imr_interface.s_addr = inet_addr(interface_address);
+    const int descriptor = coap_server_find_socket(LAN_COAP_PORT);
+    if (setsockopt(descriptor, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) !=
+        0) {
+        vos_trace_error(MODULE, __LINE__, "cannot join multicast group");
+    }
+}
+
+void serve(coap_context_t *context)
+{
+    while (quit_flag.load(std::memory_order_relaxed) == 0) {
+        if (coap_io_process(context, TURN_MS) < 0) {
+            perror("select");
+            vos_util_sleep(1); // an error that stays must not spin
+        }
+    }
+}
+
+coap_context_t *new_context(const addrinfo *result)
+{
+    coap_address_t address;
+    coap_address_init(&address);
+    address.size = result->ai_addrlen;
+    memcpy(&address.addr, result->ai_addr, result->ai_addrlen);
+    return coap_new_context(coap_address_get_port(&address) != 0 ? &address : nullptr);
+}
+
+} // namespace
+
+coap_context_t *coap_server_get_context(const char *host, const char *service)
+{
+    addrinfo hints{};
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICHOST;
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo *results = nullptr;
+    const int error = getaddrinfo(host, service, &hints, &results);
+    if (error != 0) {
+        fprintf(stderr, "getaddrinfo: %s\n", gai_strerror(error));
+        return nullptr;
+    }
+    coap_context_t *context = nullptr;
+    for (const addrinfo *result = results; result != nullptr && context == nullptr;
+         result = result->ai_next) {
+        if (result->ai_addrlen <= MAX_ADDRESS_SIZE &&
+            result->ai_addrlen <= sizeof coap_address_t::addr) {
+            context = new_context(result);
+        }
+    }
+    if (context == nullptr) {
+        fprintf(stderr, "no context available for interface '%s'\n", host);
+    }
+    freeaddrinfo(results);
+    return context;
+}
+
+int coap_server_get_ipv4_addr(const char *interface, char *text)
+{
+    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) {
+        return -1;
+    }
+    ifreq request{};
+    strncpy(request.ifr_name, interface, sizeof request.ifr_name - 1);
+    int result = -1;
+    if (ioctl(descriptor, SIOCGIFADDR, &request) == 0) {
+        sockaddr_in address{};
+        memcpy(&address, &request.ifr_addr, sizeof address);
+        const uint32_t host_order = ntohl(address.sin_addr.s_addr);
+        snprintf(text, COAP_SERVER_IPV4_TEXT_SIZE, "%u.%u.%u.%u", host_order >> 24,
+                 host_order >> 16 & 0xFF, host_order >> 8 & 0xFF, host_order & 0xFF);
+        result = 1;
+    }
+    close(descriptor);
+    return result;
+}
+
+int coap_server_find_socket(uint16_t port)
+{
+    for (int descriptor = 0; descriptor < MAX_DESCRIPTORS; ++descriptor) {
+        sockaddr_in address{};
+        socklen_t address_size = sizeof address;
+        int type = 0;
+        socklen_t type_size = sizeof type;
+        if (getsockname(descriptor, reinterpret_cast<sockaddr *>(&address), &address_size) == 0 &&
+            address.sin_family == AF_INET && ntohs(address.sin_port) == port &&
+            getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &type_size) == 0 &&
+            type == SOCK_DGRAM) {
+            return descriptor;
+        }
+    }
+    return -1;
+}
+
+int coap_server_run()
+{
+    coap_report_start();
+    coap_set_log_level(LOG_WARNING);
+    coap_context_t *context = coap_server_get_context(LISTEN_HOST, LISTEN_SERVICE);
+    vos_trace_info("Start CoAP server on %s:%s", LISTEN_HOST, LISTEN_SERVICE);
+    if (context == nullptr) {
+        return -1;
+    }
+    coap_context_set_max_idle_sessions(context, MAX_IDLE_SESSIONS);
+    for (const ServedResource &served : SERVED_RESOURCES) {
+        add_resource(context, served);
+    }
+    join_multicast_group();
+    serve(context);
+    coap_free_context(context);
+    return 0;
+}
+
+int coap_server_stop()
+{
+    quit_flag.store(1, std::memory_order_relaxed);
+    return 0;
+}

@@ -1,0 +1,400 @@
+#include "vos_fs.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "vos_fs_path.h"
+#include "vos_mem.h"
+#include "vos_trace.h"
+
+namespace
+{
+
+constexpr const char *MODULE = VOS_FS_MODULE;
+constexpr uint32_t COPY_BUFFER_SIZE = 10240;
+constexpr mode_t DIRECTORY_MODE = 0777;
+constexpr mode_t PERMISSION_BITS = 0777;
+
+void mark_close_on_exec(FILE *stream)
+{
+    const int descriptor = fileno(stream);
+    const int flags = fcntl(descriptor, F_GETFD);
+    if (flags >= 0) {
+        fcntl(descriptor, F_SETFD, flags | FD_CLOEXEC);
+    }
+}
+
+int enter_component(const char *component)
+{
+    if (access(component, F_OK) != 0 && mkdir(component, DIRECTORY_MODE) != 0) {
+        vos_trace_error(MODULE, __LINE__, "Can't create directory \"%s\" : %s", component,
+                        strerror(errno));
+        return VOS_FS_FAILED;
+    }
+    if (chdir(component) != 0) {
+        vos_trace_error(MODULE, __LINE__, "Can't change directory \"%s\" : %s", component,
+                        strerror(errno));
+        return VOS_FS_FAILED;
+    }
+    return VOS_FS_OK;
+}
+
+// Enters every component of path that a separator ends, cutting path apart on the way; *rest is
+// what follows the last separator.
+int enter_components(char *path, char **rest)
+{
+    *rest = path;
+    for (char *end = path; *end != '\0'; ++end) {
+        if (!vos_fs_is_separator(*end)) {
+            continue;
+        }
+        if (end == *rest) {
+            vos_trace_error(MODULE, __LINE__, "Invalid directory/file name");
+            return VOS_FS_FAILED;
+        }
+        *end = '\0';
+        if (enter_component(*rest) != VOS_FS_OK) {
+            return VOS_FS_FAILED;
+        }
+        *rest = end + 1;
+    }
+    return VOS_FS_OK;
+}
+
+// Enters the directory that path lies in.
+int enter_directory_of(const char *path)
+{
+    const uint32_t length = vos_fs_directory_length(path);
+    if (length == 0) {
+        vos_trace_error(MODULE, __LINE__, "Invalid destination filename");
+        return VOS_FS_INVALID;
+    }
+    char *directory = vos_mem_strndup(path, length);
+    if (directory == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Memory overflow");
+        return VOS_FS_NO_MEMORY;
+    }
+    const int result = vos_fs_enter_dir(directory);
+    vos_mem_free(&directory);
+    return result;
+}
+
+int copy_bytes(FILE *from, const char *source, FILE *to, const char *destination, char *buffer)
+{
+    size_t count = 0;
+    while ((count = fread(buffer, 1, COPY_BUFFER_SIZE, from)) != 0) {
+        if (fwrite(buffer, 1, count, to) != count) {
+            vos_trace_error(MODULE, __LINE__, "Can't write dest file \"%s\" : %s", destination,
+                            strerror(errno));
+            return VOS_FS_FAILED;
+        }
+    }
+    if (ferror(from) != 0) {
+        vos_trace_error(MODULE, __LINE__, "Can't read source file \"%s\" : %s", source,
+                        strerror(errno));
+        return VOS_FS_FAILED;
+    }
+    if (fflush(to) != 0 || fsync(fileno(to)) != 0) {
+        vos_trace_error(MODULE, __LINE__, "Can't write dest file \"%s\" : %s", destination,
+                        strerror(errno));
+        return VOS_FS_FAILED;
+    }
+    return VOS_FS_OK;
+}
+
+// The new name is on the disk only once its directory is; some file systems can't sync one, which
+// says nothing about the copy.
+void sync_current_directory()
+{
+    const int descriptor = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor >= 0) {
+        fsync(descriptor);
+        close(descriptor);
+    }
+}
+
+int copy_stream(FILE *from, const char *source, const char *destination)
+{
+    char *buffer = nullptr;
+    vos_mem_alloc(&buffer, COPY_BUFFER_SIZE);
+    if (buffer == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Memory overflow");
+        return VOS_FS_NO_MEMORY;
+    }
+    FILE *to = vos_fs_fopen(destination, "wb");
+    if (to == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Can't open dest file \"%s\" : %s", destination,
+                        strerror(errno));
+        vos_mem_free(&buffer);
+        return VOS_FS_FAILED;
+    }
+    int result = copy_bytes(from, source, to, destination, buffer);
+    if (fclose(to) != 0 && result == VOS_FS_OK) {
+        vos_trace_error(MODULE, __LINE__, "Can't write dest file \"%s\" : %s", destination,
+                        strerror(errno));
+        result = VOS_FS_FAILED;
+    }
+    vos_mem_free(&buffer);
+    if (result == VOS_FS_OK) {
+        sync_current_directory();
+    } else {
+        unlink(destination); // a part of a file must never be taken for the whole
+    }
+    return result;
+}
+
+bool same_file(FILE *stream, const char *path)
+{
+    struct stat one {
+    };
+    struct stat other {
+    };
+    return fstat(fileno(stream), &one) == 0 && stat(path, &other) == 0 &&
+           one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+int rel_file(const char *source_directory, const char *name, const char *destination_directory,
+             int (*operation)(const char *, const char *))
+{
+    if (vos_fs_is_empty(source_directory) || vos_fs_is_empty(name) ||
+        vos_fs_is_empty(destination_directory)) {
+        vos_trace_error(MODULE, __LINE__, "Invalid parameter");
+        return VOS_FS_INVALID;
+    }
+    if (vos_fs_is_separator(name[0])) {
+        vos_trace_error(MODULE, __LINE__, "Invalid relative filename \"%s\"", name);
+        return VOS_FS_INVALID;
+    }
+    char *source = vos_fs_join(source_directory, name);
+    char *destination = vos_fs_join(destination_directory, name);
+    const int result = source != nullptr && destination != nullptr ? operation(source, destination)
+                                                                   : VOS_FS_NO_MEMORY;
+    vos_mem_free(&source);
+    vos_mem_free(&destination);
+    return result;
+}
+
+} // namespace
+
+FILE *vos_fs_fopen(const char *path, const char *mode)
+{
+    if (path == nullptr) {
+        return nullptr;
+    }
+    FILE *stream = fopen(path, mode);
+    if (stream != nullptr) {
+        mark_close_on_exec(stream);
+    }
+    return stream;
+}
+
+int vos_fs_fclose(FILE **stream)
+{
+    if (*stream != nullptr) {
+        fclose(*stream);
+        *stream = nullptr;
+    }
+    return VOS_FS_OK;
+}
+
+int vos_fs_open_file(FILE **stream, const char *directory, const char *file_name, const char *mode)
+{
+    *stream = nullptr;
+    if (vos_fs_is_empty(directory) || file_name == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Invalid parameter dirname=\"%s\" filename=\"%s\"",
+                        directory != nullptr ? directory : "(null)",
+                        file_name != nullptr ? file_name : "(null)");
+        return VOS_FS_INVALID;
+    }
+    const char *last = nullptr;
+    int result = vos_fs_enter_dir(directory);
+    if (result == VOS_FS_OK) {
+        result = vos_fs_enter_rel_dir(file_name, &last);
+    }
+    if (result != VOS_FS_OK) {
+        return result;
+    }
+    *stream = vos_fs_fopen(last, mode);
+    if (*stream == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Cant open file \"%s\" : %s", last, strerror(errno));
+        return VOS_FS_FAILED;
+    }
+    return VOS_FS_OK;
+}
+
+int vos_fs_get_file_stats(const char *directory, const char *file_name, uint32_t *type,
+                          uint32_t *size, uint32_t *permissions, uint32_t *modified)
+{
+    *type = *size = *permissions = *modified = 0;
+    if (directory == nullptr || file_name == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Invalid filename");
+        return VOS_FS_FAILED;
+    }
+    char *path = vos_fs_build_path(directory, file_name, false);
+    struct stat status {
+    };
+    if (path == nullptr || stat(path, &status) != 0) {
+        vos_trace_error(MODULE, __LINE__, "Can't obtain file stats for file \"%s\" : %s",
+                        path != nullptr ? path : file_name, strerror(errno));
+        vos_mem_free(&path);
+        return VOS_FS_FAILED;
+    }
+    vos_mem_free(&path);
+    *type = S_ISDIR(status.st_mode) ? VOS_FS_TYPE_DIRECTORY : VOS_FS_TYPE_FILE;
+    *size = static_cast<uint32_t>(status.st_size);
+    *permissions = status.st_mode & PERMISSION_BITS;
+    *modified = static_cast<uint32_t>(status.st_mtime);
+    return VOS_FS_OK;
+}
+
+int vos_fs_get_file_size(const char *path, uint32_t *size)
+{
+    *size = 0;
+    if (vos_fs_is_empty(path)) {
+        vos_trace_error(MODULE, __LINE__, "Invalid filename");
+        return VOS_FS_INVALID;
+    }
+    struct stat status {
+    };
+    if (stat(path, &status) != 0) {
+        vos_trace_error(MODULE, __LINE__, "Can't obtain file stats for file \"%s\" : %s", path,
+                        strerror(errno));
+        return VOS_FS_FAILED;
+    }
+    if (S_ISDIR(status.st_mode)) {
+        vos_trace_error(MODULE, __LINE__, "%s is a directory", path);
+        return VOS_FS_FAILED;
+    }
+    if (static_cast<uint64_t>(status.st_size) > UINT32_MAX) {
+        vos_trace_error(MODULE, __LINE__, "Can't obtain file stats for file \"%s\" : %s", path,
+                        strerror(EFBIG));
+        return VOS_FS_FAILED;
+    }
+    *size = static_cast<uint32_t>(status.st_size);
+    return VOS_FS_OK;
+}
+
+int vos_fs_enter_rel_dir(const char *path, const char **file_name)
+{
+    if (file_name != nullptr) {
+        *file_name = nullptr;
+    }
+    if (path == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Invalid directory/file name");
+        return VOS_FS_FAILED;
+    }
+    if (vos_fs_is_separator(path[0])) {
+        vos_trace_error(MODULE, __LINE__, "Not a relative directory/file name");
+        return VOS_FS_FAILED;
+    }
+    char *copy = vos_mem_strndup(path, UINT32_MAX);
+    if (copy == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Memory overflow");
+        return VOS_FS_NO_MEMORY;
+    }
+    char *rest = nullptr;
+    int result = enter_components(copy, &rest);
+    if (result == VOS_FS_OK && file_name != nullptr) {
+        if (*rest == '\0') {
+            vos_trace_error(MODULE, __LINE__, "Filename length is 0");
+            result = VOS_FS_INVALID;
+        } else {
+            *file_name = path + (rest - copy);
+        }
+    } else if (result == VOS_FS_OK && *rest != '\0') {
+        result = enter_component(rest);
+    }
+    vos_mem_free(&copy);
+    return result;
+}
+
+int vos_fs_enter_dir(const char *path)
+{
+    if (vos_fs_is_empty(path)) {
+        vos_trace_error(MODULE, __LINE__, "Invalid directory name");
+        return VOS_FS_FAILED;
+    }
+    if (!vos_fs_is_separator(path[0])) {
+        vos_trace_error(MODULE, __LINE__, "Invalid directory name \"%s\"", path);
+        return VOS_FS_FAILED;
+    }
+    if (enter_component("/") != VOS_FS_OK) {
+        return VOS_FS_FAILED;
+    }
+    return vos_fs_enter_rel_dir(path + 1, nullptr);
+}
+
+int vos_fs_copy_file(const char *source, const char *destination)
+{
+    if (vos_fs_is_empty(source) || vos_fs_is_empty(destination)) {
+        vos_trace_error(MODULE, __LINE__, "Invalid filename while copying file");
+        return VOS_FS_INVALID;
+    }
+    vos_trace_debug(MODULE, __LINE__, "Copying file \"%s\" to \"%s\"", source, destination);
+    int result = enter_directory_of(destination);
+    if (result != VOS_FS_OK) {
+        return result;
+    }
+    FILE *from = vos_fs_fopen(source, "rb");
+    if (from == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Can't open source file \"%s\" : %s", source,
+                        strerror(errno));
+        return VOS_FS_FAILED;
+    }
+    if (same_file(from, destination)) {
+        // Opening the destination would empty the source.
+        vos_trace_error(MODULE, __LINE__, "Can't open dest file \"%s\" : %s", destination,
+                        "it is the source file");
+        result = VOS_FS_FAILED;
+    } else {
+        result = copy_stream(from, source, destination);
+    }
+    vos_fs_fclose(&from);
+    return result;
+}
+
+int vos_fs_move_file(const char *source, const char *destination)
+{
+    if (vos_fs_is_empty(source) || vos_fs_is_empty(destination)) {
+        vos_trace_error(MODULE, __LINE__, "Invalid filename while moving file");
+        return VOS_FS_INVALID;
+    }
+    const int result = enter_directory_of(destination);
+    if (result != VOS_FS_OK) {
+        return result;
+    }
+    if (rename(source, destination) == 0) {
+        return VOS_FS_OK;
+    }
+    vos_trace_debug(MODULE, __LINE__, "Can't move file from \"%s\" to \"%s\" : %s", source,
+                    destination, strerror(errno));
+    if (vos_fs_copy_file(source, destination) != VOS_FS_OK) {
+        return VOS_FS_FAILED;
+    }
+    if (unlink(source) != 0) {
+        vos_trace_error(MODULE, __LINE__, "Can't remove source file \"%s\" : %s", source,
+                        strerror(errno));
+        return VOS_FS_FAILED;
+    }
+    return VOS_FS_OK;
+}
+
+int vos_fs_move_rel_file(const char *source_directory, const char *name,
+                         const char *destination_directory)
+{
+    return rel_file(source_directory, name, destination_directory, vos_fs_move_file);
+}
+
+int vos_fs_copy_rel_file(const char *source_directory, const char *name,
+                         const char *destination_directory)
+{
+    return rel_file(source_directory, name, destination_directory, vos_fs_copy_file);
+}
+
+int vos_fs_remove(const char *path)
+{
+    return unlink(path);
+}

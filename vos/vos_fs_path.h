@@ -1,0 +1,26 @@
+// What the parts of vos_fs share; nobody else includes this.
+
+#ifndef VOS_FS_PATH_H
+#define VOS_FS_PATH_H
+
+#include <cstdint>
+
+constexpr char VOS_FS_MODULE[] = "vos_fs"; // source name in the trace lines of all parts
+
+inline bool vos_fs_is_separator(char character)
+{
+    return character == '/' || character == '\\';
+}
+
+inline bool vos_fs_is_empty(const char *text)
+{
+    return text == nullptr || text[0] == '\0';
+}
+
+// Length of the part of path up to and with its last separator; 0 without one.
+uint32_t vos_fs_directory_length(const char *path);
+
+// A new string: directory (not empty), one separator, name. Null without memory.
+char *vos_fs_join(const char *directory, const char *name);
+
+#endif
