@@ -7,6 +7,7 @@
 #include <ctime>
 #include <poll.h>
 #include <string_view>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include "app_lan.h"
@@ -23,6 +24,8 @@ constexpr size_t URI_PATH_ROOM = 40;
 constexpr size_t MAX_MESSAGE_SIZE = 1400;
 constexpr size_t MESSAGE_HEADER_SIZE = 4; // not counted in the size of a PDU
 constexpr int WAIT_SECONDS = 20;
+constexpr int64_t RETRANSMISSION_SLACK_MS = 10; // it is surely due then, whatever was rounded
+constexpr int MAX_EVENTS = 8;
 constexpr uint32_t CODE_CONTENT = 69; // 2.05
 constexpr uint32_t FIRST_ERROR_CLASS = 4;
 
@@ -238,23 +241,28 @@ int64_t monotonic_ms()
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }
 
-// The library's clock as it would stand had nobody set the time of day since it was read here.
-struct SteadyTicks {
-    coap_tick_t read;
-    int64_t read_at;
+// When the library retransmits next. It counts on the time of day, from where its clock stood when
+// it sent last; setting the clock in between must neither stop nor hasten it, so it is asked with
+// the time that has passed on the monotonic clock since.
+struct Retransmission {
+    coap_tick_t base; // the library's clock after its last sending
+    int64_t base_ms;  // the monotonic clock then
+    int64_t due_ms;   // on the monotonic clock
 };
 
-SteadyTicks read_steady_ticks()
+void schedule_retransmission(coap_context_t *context, Retransmission *retransmission)
 {
-    SteadyTicks ticks{0, monotonic_ms()};
-    coap_ticks(&ticks.read);
-    return ticks;
+    coap_ticks(&retransmission->base);
+    retransmission->base_ms = monotonic_ms();
+    const unsigned left = coap_io_prepare_epoll(context, retransmission->base);
+    retransmission->due_ms = retransmission->base_ms + left + RETRANSMISSION_SLACK_MS;
 }
 
-coap_tick_t steady_now(const SteadyTicks &ticks)
+void retransmit(coap_context_t *context, Retransmission *retransmission)
 {
-    const auto elapsed = static_cast<coap_tick_t>(monotonic_ms() - ticks.read_at);
-    return ticks.read + elapsed * COAP_TICKS_PER_SECOND / 1000;
+    const auto elapsed = static_cast<coap_tick_t>(monotonic_ms() - retransmission->base_ms);
+    coap_io_prepare_epoll(context, retransmission->base + elapsed * COAP_TICKS_PER_SECOND / 1000);
+    schedule_retransmission(context, retransmission);
 }
 
 // An ICMP error waits in the socket and would fail the next send or receive, on which the library
@@ -269,36 +277,42 @@ void discard_socket_error(int descriptor)
     }
 }
 
+// Hands the datagrams that have arrived to the library. Its own loop would look at its clock, too.
+void read_datagrams(coap_context_t *context)
+{
+    epoll_event events[MAX_EVENTS];
+    const int count = epoll_wait(coap_context_get_coap_fd(context), events, MAX_EVENTS, 0);
+    if (count > 0) {
+        coap_io_do_epoll(context, events, static_cast<size_t>(count));
+    }
+}
+
 // Runs the exchange until nothing is pending or the time is over.
 void wait_for_exchange(coap_context_t *context, int descriptor)
 {
     const int64_t deadline = monotonic_ms() + WAIT_SECONDS * 1000;
     coap_log(LOG_DEBUG, "timeout is set to %d seconds\n", WAIT_SECONDS);
-    SteadyTicks ticks = read_steady_ticks();
-    int64_t retransmission = 0;
+    Retransmission retransmission;
+    schedule_retransmission(context, &retransmission);
     while (coap_can_exit(context) == 0) {
-        const int64_t left = deadline - monotonic_ms();
-        if (left <= 0) {
+        const int64_t now = monotonic_ms();
+        if (now >= deadline) {
             coap_log(LOG_INFO, "timeout\n");
             return;
         }
         discard_socket_error(descriptor);
-        const bool due = monotonic_ms() >= retransmission;
-        const int64_t next = coap_io_prepare_epoll(context, steady_now(ticks));
-        if (due) {
-            ticks =
-                read_steady_ticks(); // a retransmission restarts the queue on the library's clock
+        if (now >= retransmission.due_ms) {
+            retransmit(context, &retransmission);
+            continue;
         }
-        retransmission = monotonic_ms() + next;
-
         pollfd socket{descriptor, POLLIN, 0};
         const int ready =
-            poll(&socket, 1, static_cast<int>(next != 0 ? std::min(left, next) : left));
+            poll(&socket, 1, static_cast<int>(std::min(retransmission.due_ms, deadline) - now));
         if (ready < 0 && errno != EINTR) {
             perror("select");
         } else if (ready > 0 && (socket.revents & POLLIN) != 0) {
             discard_socket_error(descriptor);
-            coap_io_process(context, COAP_IO_NO_WAIT);
+            read_datagrams(context);
         }
     }
 }
@@ -311,8 +325,9 @@ void send_and_wait(coap_context_t *context, coap_session_t *session, coap_pdu_t 
     }
     // The library owns the PDU from here on, also when sending fails; then nothing is pending.
     const uint16_t port = coap_address_get_port(coap_session_get_addr_local(session));
-    if (coap_send(session, pdu) != COAP_INVALID_MID) {
-        wait_for_exchange(context, coap_server_find_socket(port));
+    const int descriptor = coap_server_find_socket(port);
+    if (coap_send(session, pdu) != COAP_INVALID_MID && descriptor >= 0) {
+        wait_for_exchange(context, descriptor);
     }
 }
 

@@ -26,7 +26,6 @@ constexpr char MULTICAST_GROUP[] = "224.1.2.3";
 constexpr char MULTICAST_INTERFACE[] = "eth0";
 constexpr uint32_t TURN_MS = 2000;
 constexpr socklen_t MAX_ADDRESS_SIZE = 128;
-constexpr int MAX_DESCRIPTORS = 1024;
 
 // A sender without an exchange under way keeps a session for some minutes; more of them than this
 // push out the oldest, so that a sweep over source ports costs no memory.
@@ -183,7 +182,8 @@ int coap_server_get_ipv4_addr(const char *interface, char *text)
 
 int coap_server_find_socket(uint16_t port)
 {
-    for (int descriptor = 0; descriptor < MAX_DESCRIPTORS; ++descriptor) {
+    const auto limit = static_cast<int>(sysconf(_SC_OPEN_MAX));
+    for (int descriptor = 0; descriptor < limit; ++descriptor) {
         sockaddr_in address{};
         socklen_t address_size = sizeof address;
         int type = 0;
