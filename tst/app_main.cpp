@@ -11,6 +11,7 @@
 
 #include "app_lan.h"
 #include "app_options.h"
+#include "lan_cursor.h"
 #include "vos_mem.h"
 #include "vos_trace.h"
 #include "vos_util.h"
@@ -80,9 +81,10 @@ void configure_receivers(uint32_t serial, const AppOptions *options)
 {
     uint8_t configuration[LAN_RX_MODE_CONFIG_SIZE] = {};
     if (options->rx_mode == RX_MODE_N2_2400) {
+        LanWriter writer{configuration, sizeof configuration, false};
         for (uint8_t channel = 0; channel < N2_2400_CHANNELS; ++channel) {
-            configuration[2 * channel] = RX_MODE_N2_2400;
-            configuration[2 * channel + 1] = channel;
+            lan_write_u8(&writer, RX_MODE_N2_2400);
+            lan_write_u8(&writer, channel);
         }
     }
     lan_rx_mode_config(serial, configuration, sizeof configuration);

@@ -124,8 +124,9 @@ constexpr const char *HELP[] = {
     "-t tx_frame  : mode channel type power sec msec tx_frame",
     "-d filename packetsize interpacket: send endpoint upgrade file with inter-packet in 20msec",
     "-c command : request command",
-    "-p param_id param_value : set parameter (hex for id and value). Ex : -p 101 0AFF to set "
-    "0x0AFF in param 0x101",
+    // clang-format off
+    "-p param_id param_value : set parameter (hex for id and value). Ex : -p 101 0AFF to set 0x0AFF in param 0x101",
+    // clang-format on
     "-g param_id  : get parameter (hex for id). Ex : -g 101 to get param 0x101",
 };
 

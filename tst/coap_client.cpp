@@ -23,7 +23,7 @@ constexpr uint16_t DEFAULT_PORT = 5683;
 constexpr size_t URI_PATH_ROOM = 40;
 constexpr size_t MAX_MESSAGE_SIZE = 1400;
 constexpr size_t MESSAGE_HEADER_SIZE = 4; // not counted in the size of a PDU
-constexpr int WAIT_SECONDS = 20;
+constexpr int64_t WAIT_MS = 20'000;
 constexpr int64_t RETRANSMISSION_SLACK_MS = 10; // it is surely due then, whatever was rounded
 constexpr int MAX_EVENTS = 8;
 constexpr uint32_t CODE_CONTENT = 69; // 2.05
@@ -290,8 +290,8 @@ void read_datagrams(coap_context_t *context)
 // Runs the exchange until nothing is pending or the time is over.
 void wait_for_exchange(coap_context_t *context, int descriptor)
 {
-    const int64_t deadline = monotonic_ms() + WAIT_SECONDS * 1000;
-    coap_log(LOG_DEBUG, "timeout is set to %d seconds\n", WAIT_SECONDS);
+    const int64_t deadline = monotonic_ms() + WAIT_MS;
+    coap_log(LOG_DEBUG, "timeout is set to %d seconds\n", static_cast<int>(WAIT_MS / 1000));
     Retransmission retransmission;
     schedule_retransmission(context, &retransmission);
     while (coap_can_exit(context) == 0) {

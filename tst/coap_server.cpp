@@ -1,5 +1,6 @@
 #include "coap_server.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
@@ -25,7 +26,7 @@ constexpr char LISTEN_SERVICE[] = "5683";
 constexpr char MULTICAST_GROUP[] = "224.1.2.3";
 constexpr char MULTICAST_INTERFACE[] = "eth0";
 constexpr uint32_t TURN_MS = 2000;
-constexpr socklen_t MAX_ADDRESS_SIZE = 128;
+constexpr size_t MAX_ADDRESS_SIZE = 128;
 
 // A sender without an exchange under way keeps a session for some minutes; more of them than this
 // push out the oldest, so that a sweep over source ports costs no memory.
@@ -147,8 +148,7 @@ coap_context_t *coap_server_get_context(const char *host, const char *service)
     coap_context_t *context = nullptr;
     for (const addrinfo *result = results; result != nullptr && context == nullptr;
          result = result->ai_next) {
-        if (result->ai_addrlen <= MAX_ADDRESS_SIZE &&
-            result->ai_addrlen <= sizeof coap_address_t::addr) {
+        if (result->ai_addrlen <= std::min(MAX_ADDRESS_SIZE, sizeof coap_address_t::addr)) {
             context = new_context(result);
         }
     }

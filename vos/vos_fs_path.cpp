@@ -15,7 +15,8 @@ namespace
 constexpr const char *MODULE = VOS_FS_MODULE;
 constexpr size_t DIGITS = 4;
 
-// Null when the sizes don't fit into 32 bits together, or without memory.
+// A zeroed string with room for both sizes, a few characters more and the NUL. Null when the sizes
+// don't fit into 32 bits together, or without memory.
 char *new_string(size_t one, size_t other)
 {
     char *text = nullptr;
@@ -23,6 +24,14 @@ char *new_string(size_t one, size_t other)
         vos_mem_calloc(&text, static_cast<uint32_t>(one + other + 16));
     }
     return text;
+}
+
+// Writes the text and returns where its NUL stands.
+char *append(char *to, const char *text)
+{
+    const size_t length = strlen(text);
+    memcpy(to, text, length + 1);
+    return to + length;
 }
 
 char *copy_with_slashes(char *to, const char *from)
@@ -50,8 +59,7 @@ void write_random_digits(char *to)
 void append_extension(char *to, const char *extension)
 {
     if (extension != nullptr) {
-        *to = '.';
-        strcpy(to + 1, extension); // the caller made room
+        append(append(to, "."), extension);
     }
 }
 
@@ -70,12 +78,11 @@ uint32_t vos_fs_directory_length(const char *path)
 
 char *vos_fs_join(const char *directory, const char *name)
 {
-    const size_t length = strlen(directory);
-    char *path = new_string(length, strlen(name));
+    char *path = new_string(strlen(directory), strlen(name));
     if (path != nullptr) {
-        strcpy(path, directory);
-        strcpy(path + length, vos_fs_is_separator(directory[length - 1]) ? "" : "/");
-        strcat(path, name);
+        char *end = append(path, directory);
+        end = append(end, vos_fs_is_separator(end[-1]) ? "" : "/");
+        append(end, name);
     }
     return path;
 }
@@ -114,9 +121,9 @@ char *vos_fs_build_path(const char *directory, const char *name, bool trailing_s
 int vos_fs_make_unique_name(const char *name, const char *extension, char **result, bool randomise)
 {
     *result = nullptr;
-    const char *dot = name != nullptr ? strrchr(name, '.') : nullptr;
-    const size_t length =
-        dot != nullptr ? static_cast<size_t>(dot - name) : vos_mem_strnlen(name, UINT32_MAX);
+    name = name != nullptr ? name : "";
+    const char *dot = strrchr(name, '.');
+    const size_t length = dot != nullptr ? static_cast<size_t>(dot - name) : strlen(name);
     if (length == 0) {
         vos_trace_error(MODULE, __LINE__, "Invalid filename");
         return VOS_FS_INVALID;
@@ -125,7 +132,7 @@ int vos_fs_make_unique_name(const char *name, const char *extension, char **resu
     if (candidate == nullptr) {
         return VOS_FS_NO_MEMORY;
     }
-    memcpy(candidate, name, length);
+    memcpy(candidate, name, length); // NOLINT(bugprone-not-null-terminated-result): zeroed block
     append_extension(candidate + length, extension);
     if (randomise && can_be_read(candidate)) {
         candidate[length] = '_';
@@ -151,7 +158,7 @@ int vos_fs_replace_file_name(const char *path, const char *new_name, char **resu
         return VOS_FS_NO_MEMORY;
     }
     memcpy(*result, path, length);
-    strcpy(*result + length, new_name);
+    append(*result + length, new_name);
     return VOS_FS_OK;
 }
 
@@ -168,7 +175,7 @@ int vos_fs_split_path_block(const char *path, char **result)
         return VOS_FS_NO_MEMORY;
     }
     memcpy(*result, path, length);
-    strcpy(*result + length + 1, path + length);
+    append(*result + length + 1, path + length);
     return VOS_FS_OK;
 }
 

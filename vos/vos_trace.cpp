@@ -84,6 +84,7 @@ void end_line(Line *line)
     write_line(line->text, line->length + 1);
 }
 
+VOS_PRINTF_LIKE(2, 0)
 void write_message(Line *line, const char *format, va_list arguments)
 {
     advance(line, vsnprintf(line->text + line->length, room_for_print(line), format, arguments));

@@ -41,8 +41,8 @@ uint8_t *vos_util_hexstr_to_bytes(uint8_t *output, uint32_t output_size, const c
         return nullptr;
     }
     const uint32_t pairs = static_cast<uint16_t>(strlen(text)) / 2U;
-    for (uint32_t i = 0; i < pairs && i < output_size; ++i) {
-        output[i] = static_cast<uint8_t>(vos_util_hex_to_u32(text + 2 * i, 2));
+    for (uint32_t i = 0; i < pairs && i < output_size; ++i, text += 2) {
+        output[i] = static_cast<uint8_t>(vos_util_hex_to_u32(text, 2));
     }
     return output;
 }

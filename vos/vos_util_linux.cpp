@@ -61,7 +61,8 @@ void vos_util_sleep(uint32_t ticks)
 {
     timeval time{};
     time.tv_sec = static_cast<time_t>(ticks / VOS_TICKS_PER_SECOND);
-    time.tv_usec = static_cast<suseconds_t>(ticks % VOS_TICKS_PER_SECOND * VOS_MS_PER_TICK * 1000);
+    const uint32_t milliseconds = ticks % VOS_TICKS_PER_SECOND * VOS_MS_PER_TICK;
+    time.tv_usec = static_cast<suseconds_t>(milliseconds) * 1000;
     select(0, nullptr, nullptr, nullptr, &time);
 }
 
