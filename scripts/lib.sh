@@ -41,6 +41,7 @@ need_packages() {
 build_preset() {
   local preset=$1
   shift
+  echo "Building ($preset)"
   cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset" -j "$jobs" ${1:+--target "$@"} -- --no-print-directory --quiet
+  cmake --build --preset "$preset" -j "$jobs" ${1:+--target "$@"} >/dev/null
 }
