@@ -1,0 +1,149 @@
+#include "harness.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <iostream>
+#include <random>
+
+namespace e2e
+{
+namespace
+{
+struct Load : testing::Test {
+    Peer modem;
+    Process tool{""};
+    std::vector<int> codes; // of the answers to numbered frames
+
+    void SetUp() override
+    {
+        tool.register_modem(modem);
+        tool.expect("INFO:No action requested\n");
+    }
+    // At most eight frames are unanswered at a time; every answer must come within a second.
+    void send_frames(std::size_t count)
+    {
+        for (std::size_t sent = 0; codes.size() < count;) {
+            for (; sent < count && sent < codes.size() + 8; ++sent) {
+                modem.send(encode(CON, PUT, static_cast<int>(sent), little_endian(sent, 2),
+                                  "rx_msg_req", frame(numbered(static_cast<std::uint32_t>(sent)))));
+            }
+            const Bytes answer = modem.receive(milliseconds(1000));
+            ASSERT_GE(answer.size(), 2U) << "frame " << codes.size() << " is not answered";
+            const int code = static_cast<std::uint8_t>(answer[1]),
+                      id = static_cast<int>(codes.size());
+            ASSERT_EQ(hex(answer), hex(encode(ACK, code, id, little_endian(codes.size(), 2))));
+            codes.push_back(code);
+        }
+    }
+    void expect_what_was_acknowledged()
+    {
+        for (std::uint32_t number = 0; number < codes.size() && !HasFailure(); ++number) {
+            if (codes[number] == VALID) {
+                tool.expect(frame_lines(numbered(number)));
+            } else {
+                EXPECT_EQ(codes[number], UNAVAILABLE);
+            }
+        }
+    }
+};
+
+TEST_F(Load, BurstIsPrintedOnceAndInOrder)
+{
+    send_frames(10'000);
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), VALID), 10'000);
+    expect_what_was_acknowledged();
+}
+
+TEST_F(Load, ServerNeverWaitsForStandardOutput)
+{
+    tool.pause_reading(true);
+    send_frames(40'000);
+    const auto refused = std::find(codes.begin(), codes.end(), UNAVAILABLE) - codes.begin();
+    EXPECT_GT(refused, 32'768);
+    EXPECT_LT(refused, 40'000);
+    tool.pause_reading(false);
+    expect_what_was_acknowledged();
+    modem.report("rx_msg_req", frame(numbered(1)));
+    tool.expect(frame_lines(numbered(1)));
+}
+
+class Mutator
+{
+public:
+    explicit Mutator(unsigned long seed) : random_(seed) {}
+    Bytes next()
+    {
+        const Bytes valid[] = {encode(CON, PUT, 1, "to", "rx_msg_req", frame(numbered(below(100)))),
+                               encode(NON, POST, 2, "", "info_ind", info(SERIAL + below(9))),
+                               encode(CON, POST, 3, "t", "firmware_install_ind", "\1"),
+                               encode(CON, GET, 4, "token", ".well-known/core"),
+                               encode(ACK, VALID, 5, "", "", "payload"),
+                               noise(below(100))};
+        Bytes bytes = valid[below(std::size(valid))];
+        for (unsigned i = below(4) + 1; i > 0; --i) {
+            const std::size_t at = below(bytes.size() + 1);
+            bytes.replace(at, below(8), noise(below(8)));
+            bytes.resize(below(4) == 0 ? at : bytes.size());
+        }
+        return bytes;
+    }
+
+private:
+    unsigned below(std::size_t bound) { return static_cast<unsigned>(random_() % bound); }
+    Bytes noise(unsigned size)
+    {
+        Bytes bytes(size, '\0');
+        std::generate(bytes.begin(), bytes.end(), [this] { return static_cast<char>(random_()); });
+        return bytes;
+    }
+    std::mt19937 random_;
+};
+
+unsigned long from_environment(const char *name, unsigned long otherwise)
+{
+    const char *value = getenv(name);
+    return value == nullptr ? otherwise : std::stoul(value);
+}
+
+TEST_F(Load, MutatedDatagramsDoNoHarm)
+{
+    const unsigned long count = from_environment("E2E_MUTATIONS", 20'000);
+    const unsigned long seed = from_environment("E2E_SEED", std::random_device{}());
+    std::cout << "E2E_SEED=" << seed << " E2E_MUTATIONS=" << count << '\n';
+    Mutator mutator(seed);
+    tool.ignore_rest();
+    const auto resident = [this] {
+        const std::string status = tool.proc_file("/status");
+        return std::stol(status.substr(status.find("VmRSS:") + 6));
+    };
+    long warm = 0;
+    for (unsigned long i = 0; i <= count && !HasFailure(); ++i) {
+        modem.send(mutator.next());
+        if (i % 4 == 0) { // a leak would show
+            modem.send(encode(NON, PUT, 7, "", "rx_msg_req", frame(Bytes(1000, 'x'))));
+        }
+        if (i % 32 == 0 || i == count) { // the server catches up
+            const Bytes token = little_endian(i, 4), settled = encode(ACK, NOT_FOUND, 6, token);
+            modem.send(encode(CON, GET, 6, token, "none"));
+            for (Bytes answer; answer.substr(0, 8) != settled;) {
+                answer = modem.receive();
+                ASSERT_NE(answer, "") << "the server is silent";
+            }
+        }
+        if (i % 4096 == 0 || i == count) { // so does the printing
+            const Bytes marker = numbered(0x80000000 + static_cast<std::uint32_t>(i));
+            const std::string lines = frame_lines(marker);
+            modem.report("rx_msg_req", frame(marker));
+            tool.skip_to(lines.substr(lines.find("EndPoint ["), 36), milliseconds(20'000));
+        }
+        if (i == count / 4) {
+            warm = resident();
+        }
+    }
+    std::cout << resident() - warm << " kilobytes more\n";
+    EXPECT_LT(resident() - warm, 3072) << "kilobytes more";
+}
+} // namespace
+} // namespace e2e

@@ -1,0 +1,192 @@
+#include "harness.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace e2e
+{
+namespace
+{
+// A tool that has registered its first modem and has nothing to ask of it.
+struct Report : testing::Test {
+    Peer modem;
+    Process tool{""};
+    void SetUp() override
+    {
+        tool.register_modem(modem);
+        tool.expect("INFO:No action requested\n");
+    }
+};
+
+TEST_F(Report, PrintsExactLines)
+{
+    const Bytes data = numbered(0xA5), odd = "\2" + info(0xBEEF).substr(1);
+    const Bytes nine = info().substr(0, 20) + unhex("9 1 2 3 4 5 6 7 8 9");
+    const std::string seven =
+        info_line().substr(0, info_line().find("2, RF")) + "7, RF:1/2/3/4/5/6/7\n";
+    const std::string lines = frame_lines(data), state = "DEBUG:app_lan:Modem a1b2c3 is in ";
+    const std::string banner = lines.substr(0, lines.find("DEBUG:app_lan:WMBUS"));
+    const std::string bad = "ERROR:app_lan:Receive bad rx_msg, size:",
+                      malformed = "ERROR:app_lan:Malformed ";
+    const std::string version = "ERROR:app_lan:Not supported LAN protocol version:2\n";
+    const std::string unsupported = "ERROR:app_lan:Unsupported state 3 for modem a1b2c3\n";
+    const std::string install = "DEBUG:app_lan:Firmware install (name:) of modem a1b2c3 is ";
+    const struct {
+        std::string resource;
+        Bytes payload;
+        std::string printed;
+    } cases[] = {
+        {"rx_msg_req", frame(data), lines},
+        {"rx_msg_req", "", bad + "0\n"},
+        {"rx_msg_req", frame(data).substr(0, 16), bad + "16\n"},
+        {"rx_msg_req", frame(data).substr(0, 17), banner + bad + "17\n"},
+        {"info_ind", info(), info_line()},
+        {"info_ind", info(SERIAL, 2), info_line(SERIAL, 2) + state + "RUNNING state\n"},
+        {"info_ind", info(SERIAL, 2), info_line(SERIAL, 2)},
+        {"info_ind", info(SERIAL, 3), info_line(SERIAL, 3) + unsupported},
+        {"info_ind", info(SERIAL, 3), info_line(SERIAL, 3) + unsupported},
+        {"info_ind", info(), info_line() + state + "READY state\n"},
+        {"info_ind", nine, "ERROR:app_lan:Too much receiver channel :9\n" + seven},
+        {"info_ind", "", malformed + "info msg\n"},
+        {"info_ind", info().substr(0, 18), malformed + "info msg\n"},
+        {"info_ind", odd, version},
+        {"info_ind", odd.substr(0, 19), version},
+        {"firmware_install_ind", "", malformed + "fw install ind msg\n"},
+        {"firmware_install_ind", unhex("1 0"), install + "OK \n"},
+        {"firmware_install_ind", unhex("2"), install + "KO \n"},
+    };
+    for (const auto &[resource, payload, printed] : cases) {
+        SCOPED_TRACE(resource + ' ' + hex(payload));
+        modem.report(resource, payload);
+        tool.expect(printed);
+    }
+    Peer(1, 5684).report("rx_msg_req", frame(data));
+    tool.expect(frame_lines(data, 0));
+}
+
+TEST_F(Report, DumpsLongFramesOnSeveralLines)
+{
+    const std::string prefix = "DUMP:app_lan:";
+    for (const std::size_t size : {320U, 400U, 1365U}) { // the last one makes 1400 bytes in all
+        Bytes data = numbered(1);
+        while (data.size() < size) {
+            data += static_cast<char>(data.size() * 7);
+        }
+        modem.report("rx_msg_req", frame(data));
+        std::string printed =
+            tool.skip_to(frame_lines(data).substr(frame_lines(data).find("DEBUG:app_lan:Receive")));
+        for (std::size_t at = 0; (at = printed.find(" \n" + prefix)) != std::string::npos;) {
+            printed.erase(at + 1, 1 + prefix.size());
+        }
+        EXPECT_EQ(printed, frame_lines(data));
+    }
+}
+
+TEST_F(Report, NeverDumpsMoreThanAFrameHolds)
+{
+    const std::string marker = frame_lines(numbered(1));
+    for (std::size_t size = 1; size <= 12; ++size) {
+        const Bytes data = unhex("C 44 93 15 78 56 34 12 1 7 7A 0").substr(0, size);
+        for (const unsigned announced : {0U, 1U, 9U, 12U, 13U, 0xFFFFU}) {
+            SCOPED_TRACE(text("%zu bytes, %u announced", size, announced));
+            modem.report("rx_msg_req", frame("").substr(0, 12) + little_endian(announced, 2) +
+                                           unhex("50 3 1") + data);
+            modem.report("rx_msg_req", frame(numbered(1)));
+            std::string printed = tool.skip_to(marker);
+            printed.resize(printed.size() - marker.size());
+            EXPECT_NE(printed.find(" PACKET RECEIVED "), std::string::npos);
+            const std::size_t dump = printed.find("DUMP:app_lan:");
+            if (dump != std::string::npos) {
+                printed = printed.substr(dump + 13, printed.find('\n', dump) - dump - 13);
+                EXPECT_EQ(hex(data).find(printed), 0U) << printed;
+            }
+        }
+    }
+}
+
+TEST_F(Report, IsAnsweredByTheRulesOfTheProtocol)
+{
+    const struct {
+        int method, code;
+        const char *resource;
+    } cases[] = {{GET, 0x85, "rx_msg_req"},
+                 {POST, 0x85, "rx_msg_req"},
+                 {PUT, 0x85, "info_ind"},
+                 {GET, NOT_FOUND, "command_req"},
+                 {GET, CONTENT, ".well-known/core"}};
+    Bytes answer;
+    for (const auto &[method, code, resource] : cases) {
+        modem.send(encode(CON, method, 1, "tok", resource));
+        answer = modem.receive();
+        EXPECT_EQ(hex(answer.substr(0, 7)), hex(encode(ACK, code, 1, "tok"))) << resource;
+    }
+    for (const char *link :
+         {"</rx_msg_req>;ct=0", "</info_ind>;ct=0", "</firmware_install_ind>;ct=0"}) {
+        EXPECT_NE(answer.find(link), Bytes::npos) << answer;
+    }
+    EXPECT_EQ(std::count(answer.begin(), answer.end(), '<'), 3);
+    modem.send(encode(NON, PUT, 2, "tok", "rx_msg_req", frame(numbered(1))));
+    answer = modem.receive();
+    EXPECT_EQ(hex(answer.replace(2, 2, 2, '\0')), hex(encode(NON, VALID, 0, "tok")));
+    tool.expect(frame_lines(numbered(1)));
+}
+
+TEST(Registration, WorksByMulticast)
+{
+    if (gateway_namespace < 0) {
+        GTEST_SKIP() << "needs an Ethernet interface";
+    }
+    Peer modem;
+    Process tool("");
+    tool.expect("INFO:Start CoAP server on 0.0.0.0:5683\n");
+    for (int i = 0; i < 500 && tool.proc_file("/net/igmp").find("030201E0") == Bytes::npos; ++i) {
+        std::this_thread::sleep_for(milliseconds(10));
+    }
+    modem.send(encode(NON, POST, 1, "", "info_ind", info()), "224.1.2.3");
+    tool.expect(register_lines(SERIAL, 1));
+    tool.expect("INFO:Perform action on modem LAN:a1b2c3\nINFO:No action requested\n");
+}
+
+TEST(Registration, TakesFiveModemsAndActsOnTheFirst)
+{
+    Peer modems[] = {Peer(1), Peer(2), Peer(3), Peer(4), Peer(5), Peer(6)};
+    Process tool("-c 3");
+    const std::string action = "INFO:Perform action on modem LAN:a1\n"; // somewhere among the rest
+    std::string expected;
+    tool.expect("INFO:Start CoAP server on 0.0.0.0:5683\n");
+    for (unsigned i = 0; i < 5; ++i) {
+        modems[i].report("info_ind", info(0xA1 + i));
+        expected += register_lines(0xA1 + i, i + 1);
+    }
+    std::string printed = tool.skip_to("Modem a5 is in READY state\n");
+    if (printed.find(action) == std::string::npos) {
+        printed += tool.skip_to(action);
+    }
+    printed.erase(printed.find(action), action.size());
+    EXPECT_EQ(printed, expected);
+    modems[0].reply(encode(ACK, CHANGED, modems[0].expect_request("POST command_req 3")));
+    tool.expect("DEBUG:coap_client:COAP RES:2.04\n");
+
+    const std::string refused = info_line(0xA6) + "INFO:New modem detected a6 (IP:" + address(6) +
+                                ":5683)\nERROR:app_lan:No more place in modem list!!!!\n";
+    const Bytes data = numbered(1);
+    const struct {
+        unsigned modem;
+        const char *resource;
+        Bytes payload;
+        std::string printed;
+    } cases[] = {{6, "info_ind", info(0xA6), refused},
+                 {6, "rx_msg_req", frame(data), frame_lines(data, 0)},
+                 {5, "rx_msg_req", frame(data), frame_lines(data, 0xA5)},
+                 {6, "info_ind", info(0xA2, 2),
+                  info_line(0xA2, 2) + "DEBUG:app_lan:Modem a2 is in RUNNING state\n"},
+                 {6, "rx_msg_req", frame(data), frame_lines(data, 0xA2)},
+                 {2, "rx_msg_req", frame(data), frame_lines(data, 0)}};
+    for (const auto &[modem, resource, payload, lines] : cases) {
+        modems[modem - 1].report(resource, payload);
+        tool.expect(lines);
+    }
+}
+} // namespace
+} // namespace e2e

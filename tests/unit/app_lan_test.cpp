@@ -1,0 +1,130 @@
+#include <fstream>
+#include <numeric>
+
+#include "app_lan_state.h"
+#include "support.h"
+
+namespace
+{
+using Handler = decltype(lan_handle_info);
+
+// A '-' for the result -1, and the lines.
+std::string handle(Handler *handler, unsigned host, const Bytes &payload)
+{
+    const coap_address_t from = ipv4("10.0.0." + std::to_string(host));
+    const auto size = static_cast<uint32_t>(payload.size());
+    int result = 0;
+    const std::string lines = lines_of([&] { result = handler(&from, payload.data(), size); });
+    return (result == 1 ? "" : "-") + lines;
+}
+
+std::string info_of(unsigned serial)
+{
+    return "010000000" + std::to_string(serial) + "00000005000000020104030607";
+}
+
+TEST(Lan, HandlersReadNoFurtherThanThePayload)
+{
+    const std::string info = info_of(9);
+    const std::string frame = "000000000A0000000700FBFF";
+    const std::string error = "ERROR:app_lan:";
+    const std::string rx = "RTC:10,007, FREQ:0, RSSI:-80, FREQ_OFFSET:-5, RF_MOD:3, RF_RECEIVER:1|";
+    const Table<Handler *, std::string, std::string> rows = {
+        // and how the lines end
+        {lan_handle_info, info, "-" + error + "Malformed info msg|"},
+        {lan_handle_info, "02" + info.substr(2) + "01",
+         "-" + error + "Not supported LAN protocol version:2|"},
+        {lan_handle_info, info + "01",
+         "INFO:Register new modem 9|DEBUG:app_lan:Modem 9 is in READY state|"},
+        {lan_handle_info, info + "0108",
+         "hw_ver:1.2, sw_ver:3.4, type:6, location:7, state:1, wakeup:8, nb RF receiver:0, "
+         "RF:0/0/0/0/0/0/0|"},
+        {lan_handle_info, info + "010803FF", "nb RF receiver:1, RF:ff/0/0/0/0/0/0|"},
+        {lan_handle_info, info + "030809010203040506070809",
+         "nb RF receiver:7, RF:1/2/3/4/5/6/7|" + error + "Unsupported state 3 for modem 9|"},
+        {lan_handle_rx_msg, frame + "0C005003", error + "Receive bad rx_msg, size:16|"},
+        {lan_handle_rx_msg, frame + "0C00500301", rx + error + "Receive bad rx_msg, size:17|"},
+        {lan_handle_rx_msg, frame + "FFFF5003010B442D2C78",
+         "|DUMP:app_lan:0B 44 2D 2C 78 |DEBUG:app_lan:Receive RF frame from EndPoint [2d 2c / 78] "
+         "on modem [9]|DEBUG:app_lan:|################|################|"},
+        {lan_handle_param, "0101FF0AFF",
+         "INFO:Param req : 0x101 len:255, value:|DUMP:app_lan:0A FF |"},
+        {lan_handle_param, "01", "INFO:Param req : 0x0 len:0, value:|DUMP:app_lan:|"}};
+    for (const auto &[handler, payload, expected] : rows) {
+        const std::string seen = handle(handler, 1, unhex(payload));
+        EXPECT_TRUE(seen.ends_with(expected)) << seen << " instead of " << expected;
+    }
+}
+
+TEST(Lan, TableFillsFromItsEndAndKeepsWhatAnInfoDoesNotTell)
+{
+    uint32_t serial = 77;
+    EXPECT_EQ(lan_get_modem(&serial), -1);
+    for (unsigned number = 1; number <= 6; ++number) {
+        const std::string seen = handle(lan_handle_info, number, unhex(info_of(number) + "01"));
+        const bool full = seen.find("No more place in modem list!!!!") != std::string::npos;
+        EXPECT_TRUE(full ? number == 6 : lan_state.table[5 - number].serial_number == number);
+    }
+    EXPECT_EQ(lan_get_modem(&serial), 1);
+    EXPECT_EQ(serial, 1U);
+    ModemEntry &slot = lan_state.table[3];
+    slot.fw_name[0] = 'n';
+    slot.stats[6].last = 9;
+    fake_clock = {2'000'000'000, 0};
+    handle(lan_handle_info, 3, unhex(info_of(2) + "02"));
+    EXPECT_STREQ(slot.fw_name, "n");
+    EXPECT_EQ(slot.stats[6].last, 9);
+    EXPECT_EQ(slot.state, 2);
+    EXPECT_EQ(slot.info_time, 2'000'000'000U);
+    for (const auto &[port, found] : Table<uint16_t, uint32_t>{{5683, 2}, {5684, 0}}) {
+        const coap_address_t shared = ipv4("10.0.0.3", port); // by two slots
+        EXPECT_EQ(lan_find_modem_by_addr(&shared), found);
+    }
+    EXPECT_EQ(lan_count_modems(), 5);
+}
+
+TEST(Lan, StatisticsAreStoredByTheirOffsets)
+{
+    handle(lan_handle_info, 1, unhex(info_of(1) + "01"));
+    EXPECT_EQ(handle(lan_handle_stats, 1, Bytes(53)), "-ERROR:app_lan:Malformed stats msg|");
+    EXPECT_EQ(handle(lan_handle_stats, 9, Bytes(54)),
+              "-ERROR:app_lan:Statistics of an unknown modem|");
+    for (const auto &[announced, size] : Table<uint8_t, int>{{2, 58}, {7, 58}, {7, 54}, {9, 57}}) {
+        Bytes payload(static_cast<size_t>(size));
+        std::iota(payload.begin(), payload.end(), uint8_t{0});
+        payload[1] = announced;
+        const std::string seen = handle(lan_handle_stats, 1, payload);
+        EXPECT_EQ(seen.find("ERROR:app_lan:Too much receiver channel :9|") == 0, announced == 9);
+        const int n = std::min<int>(announced, 7);
+        for (int k = 0; k < 7; ++k) {
+            const ModemStats &stats = lan_state.table[4].stats[k];
+            const int there = k < n ? 1 : 0;
+            EXPECT_EQ(stats.first & 0xFF, there * (2 + 2 * k));
+            EXPECT_EQ(stats.second >> 8, there * (3 + 2 * n + 2 * k));
+            EXPECT_EQ(stats.bytes[2], there * (4 + 4 * n + 3 * k));
+            EXPECT_EQ(stats.last, 2 + 7 * n + k < size ? there * (2 + 7 * n + k) : 0);
+        }
+    }
+}
+
+TEST(Lan, AnInstallationRemovesItsOwnFileOnce)
+{
+    const Scratch scratch;
+    for (const unsigned number : {1U, 2U}) {
+        handle(lan_handle_info, number, unhex(info_of(number) + "01"));
+        lan_state.table[5 - number].fw_file_name[0] = number == 1 ? '1' : '2';
+        std::ofstream(std::to_string(number)) << number;
+    }
+    const std::string installed = "DEBUG:app_lan:Firmware install (name:) of modem 1 is ";
+    EXPECT_EQ(handle(lan_handle_fw_install, 1, {}), "-ERROR:app_lan:Malformed fw install ind msg|");
+    EXPECT_EQ(handle(lan_handle_fw_install, 9, {1}),
+              "-ERROR:app_lan:Firmware install of an unknown modem|");
+    EXPECT_EQ(content_of("1") + content_of("2"), "12");
+    EXPECT_EQ(handle(lan_handle_fw_install, 1, {1, 0}), installed + "OK |");
+    EXPECT_EQ(content_of("1") + content_of("2"), "-2");
+    std::ofstream("1") << "new";
+    EXPECT_EQ(handle(lan_handle_fw_install, 1, {0}), installed + "KO |");
+    EXPECT_EQ(content_of("1"), "new");
+}
+
+} // namespace

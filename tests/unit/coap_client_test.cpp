@@ -1,0 +1,160 @@
+#include "coap_client.h"
+
+#include <fstream>
+#include <future>
+#include <sys/socket.h>
+
+#include "app_lan_state.h"
+#include "support.h"
+
+namespace
+{
+// A modem's socket. Its address holds the process id, so that test programs don't meet.
+struct Peer {
+    explicit Peer(uint8_t slot, uint16_t port = 5683)
+    {
+        modem.address = ipv4("127.0.0.1", port);
+        const auto host = 0x7F000000 + (static_cast<uint32_t>(slot) << 20) + (getpid() & 0xFFFFF);
+        modem.address.addr.sin.sin_addr.s_addr = htonl(static_cast<uint32_t>(host));
+        modem.present = 1;
+        modem.serial_number = slot;
+        const int on = 1;
+        setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        EXPECT_EQ(bind(descriptor, &modem.address.addr.sa, modem.address.size), 0);
+        lan_state.table[slot] = modem;
+    }
+    ~Peer() { close(descriptor); }
+
+    // Answers the one request of the call and returns it; both datagrams without message id.
+    Bytes exchange(const std::function<void()> &call, const std::string &answer = "6044") const
+    {
+        const std::future<void> calling = std::async(std::launch::async, call);
+        coap_address_t from = modem.address;
+        Bytes request(2000);
+        const auto size = recvfrom(descriptor, &request[0], 2000, 0, &from.addr.sa, &from.size);
+        request.resize(static_cast<size_t>(size));
+        Bytes reply = unhex(answer);
+        reply.insert(reply.begin() + 2, &request[2], &request[4]);
+        EXPECT_GT(sendto(descriptor, &reply[0], reply.size(), 0, &from.addr.sa, from.size), 0);
+        request.erase(request.begin() + 2, request.begin() + 4);
+        return request;
+    }
+    int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ModemEntry modem{};
+};
+
+// A confirmable request without its message id.
+Bytes datagram(const LanRequest &request, const std::string &payload)
+{
+    const auto length = static_cast<uint8_t>(request.name_length);
+    Bytes bytes = {0x40, static_cast<uint8_t>(request.method), 0xBD,
+                   static_cast<uint8_t>(length - 13)};
+    if (length < 13) {
+        bytes = {0x40, static_cast<uint8_t>(request.method), static_cast<uint8_t>(0xB0 + length)};
+    }
+    bytes.insert(bytes.end(), request.name, request.name + length);
+    const Bytes body = unhex((payload.empty() ? "" : "FF") + payload);
+    bytes.insert(bytes.end(), body.begin(), body.end());
+    return bytes;
+}
+
+struct Client : testing::Test {
+    Peer peer{4};
+    const ModemEntry *modem = &peer.modem;
+    uint8_t abc[3] = {0xAA, 0xBB, 0xCC};
+};
+
+TEST_F(Client, RequestsAreExact)
+{
+    Bytes prepared = unhex("FFFFFFFFFFFF0200AABB");
+    const LanTxExt ext = {0x11121314, 0x2122, 0x31323334, 0x41424344, 5,      6,  0x71727374,
+                          8,          9,      0xA1A2,     11,         0xC1C2, 13, 14};
+    const std::string ext_payload = "343332317473727114131211444342412221C2C10300A2A1"
+                                    "0809060E050B0D01AAAABBCC";
+    const Table<std::function<void()>, LanRequest, std::string> rows = {
+        {[] { lan_command(4, 0x1FE); }, LAN_COMMAND_REQ, "FE"},
+        {[&] { lan_rx_mode_config(4, abc, 3); }, LAN_RX_MODE_CONFIG_REQ, "AABBCC"},
+        {[&] { lan_rx_mode_off(modem); }, LAN_RX_MODE_CONFIG_REQ, std::string(28, '0')},
+        {[&] { lan_tx_frame(4, 1, 2, 16, 2, 0, 27, abc, 1); }, LAN_TX_MSG_REQ,
+         "01000000020001001002001BAA"},
+        {[&] { lan_send_tx_prepared(modem, 1, 2, &prepared[0], 10); }, LAN_TX_MSG_REQ,
+         "0100000002000200AABB"},
+        {[&] { lan_send_tx_msg_ext(modem, &ext, abc, 3, abc, 1); }, LAN_TX_MSG_EXT_REQ,
+         ext_payload},
+        {[&] { lan_set_param(4, 0x0102, abc, 2); }, LAN_CONFIG_SET_PARAM_REQ, "020102AABB"},
+        {[&] { EXPECT_EQ(lan_request_log(modem), 68U); }, LAN_LOG_REQ, ""}};
+    for (const auto &[call, request, payload] : rows) {
+        EXPECT_EQ(peer.exchange(call), datagram(request, payload)) << request.name;
+    }
+    EXPECT_EQ(lan_get_tx_count(), 2U);
+}
+
+TEST_F(Client, PayloadFitsOrIsLeftOutAndAnotherPortIsNamed)
+{
+    const Bytes large(1385);
+    const auto send = [&](uint16_t port, uint16_t size) {
+        coap_client_send_request(&modem->address, port, LAN_TX_MSG_REQ, large.data(), size);
+    };
+    EXPECT_EQ(peer.exchange([&] { send(5683, 1384); }).size(), 1400U - 2);
+    EXPECT_EQ(peer.exchange([&] { send(5683, 1385); }), datagram(LAN_TX_MSG_REQ, ""));
+    const Peer elsewhere(4, 0x5684);
+    EXPECT_EQ(elsewhere.exchange([&] { send(0x5684, 0); }),
+              unhex("40037256844A74785F6D73675F726571"));
+}
+
+TEST_F(Client, NothingIsSentWithoutAModemOrWithTooMuch)
+{
+    const Scratch scratch;
+    std::ofstream("file") << std::string(1373, 'x');
+    Bytes value(254);
+    const std::string lines = lines_of([&] {
+        EXPECT_EQ(lan_command(9, 1) + lan_rx_mode_config(9, abc, 1), -2);
+        lan_tx_frame(9, 1, 2, 3, 4, 5, 6, abc, 1);
+        EXPECT_EQ(lan_set_param(9, 1, &value[0], 253) + lan_get_param(9, 1), 2);
+        EXPECT_EQ(lan_set_param(4, 1, &value[0], 254), -1);
+        EXPECT_EQ(lan_send_tx_prepared(modem, 1, 1, &value[0], 5), 0U);
+        for (const uint32_t packet : {0U, 64U, 1373U}) {
+            EXPECT_EQ(lan_download_file(4, "file", packet, 0), -1);
+        }
+    });
+    const std::string started = "DEBUG:app_lan:Request donwnload  file file|ERROR:app_lan:";
+    const std::string unfit = started + "file not wellformed, size 1373 is not modulo ";
+    EXPECT_EQ(lines, "ERROR:app_lan:Value of 254 bytes too long for parameter 0x1|"
+                     "ERROR:app_lan:No room for the time in a tx frame of 5 bytes|" +
+                         unfit + "0 |" + unfit + "64 |" + started +
+                         "packet size 1373 too large for a request, at most 1372|");
+    EXPECT_EQ(recv(peer.descriptor, &value[0], 1, MSG_DONTWAIT), -1);
+}
+
+TEST_F(Client, AnswersGiveAResultAndGoToTheModemTask)
+{
+    const Peer second(2);
+    LanMsg stop{};
+    void *end = &stop;
+    testing::internal::CaptureStderr();
+    const std::string lines = lines_of([&] {
+        const BodyTask task([](VosTask *self) { _lan_modem_task(self, 0); });
+        lan_state.modem_task = task.handle;
+        peer.exchange([&] { EXPECT_EQ(lan_request_log(modem), 132U); }, "6084FF6E6F21");
+        peer.exchange([&] { EXPECT_EQ(lan_request_log(modem), 0U); }, "6000");
+        peer.exchange([] { lan_get_param(4, 1); }, "6045FF0101010A");
+        Bytes asked;
+        const auto ask = [&] {
+            asked = second.exchange([] { lan_request_statistics(7); }, "6045FF00");
+        };
+        EXPECT_EQ(peer.exchange(ask, "6045FF" + std::string(108, '0')), asked) << "in slot order";
+        EXPECT_EQ(asked, datagram(LAN_STATISTICS_REQ, "07"));
+        const auto info = [&] {
+            coap_client_send_request(&modem->address, 5683, LAN_INFO_REQ, abc, 0);
+        };
+        peer.exchange(info, "6045FF01");
+        EXPECT_EQ(vos_mbx_send(task.handle, &end), 1);
+    });
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "4.04 no!\n");
+    for (const char *line :
+         {"|DUMP:app_lan:0A |", "|ERROR:app_lan:Malformed stats msg|",
+          "|DEBUG:app_lan:Update statistics of Modem 4|", "|ERROR:app_lan:Malformed info msg|"}) {
+        EXPECT_NE(lines.find(line), std::string::npos) << line;
+    }
+}
+} // namespace

@@ -1,0 +1,126 @@
+#include "vos_fs.h"
+
+#include <fstream>
+#include <sched.h>
+#include <sys/mount.h>
+
+#include "support.h"
+#include "vos_mem.h"
+
+namespace
+{
+const std::string CONTENT(100'000, 'c'); // more than a copy holds at a time
+
+// A call by its letter; '@' stands for the scratch directory.
+struct Row {
+    char call;
+    std::string a, b;
+    int result;
+    std::string error = ""; // the message; for 's' and success, the size
+};
+
+struct Fs : testing::Test {
+    std::string place(std::string text) const
+    {
+        for (size_t at = 0; (at = text.find('@')) != std::string::npos;) {
+            text.replace(at, 1, scratch.path);
+        }
+        return text;
+    }
+
+    void expect(const Row &row)
+    {
+        const std::string a = place(row.a);
+        const std::string b = place(row.b);
+        FILE *stream = nullptr;
+        int result = 0;
+        const std::string lines = lines_of([&] {
+            uint32_t size = 0;
+            result = row.call == 'c'   ? vos_fs_copy_file(a.c_str(), b.c_str())
+                     : row.call == 'm' ? vos_fs_move_file(a.c_str(), b.c_str())
+                     : row.call == 'e' ? vos_fs_enter_dir(a.c_str())
+                     : row.call == 's' ? vos_fs_get_file_size(a.c_str(), &size)
+                                       : vos_fs_open_file(&stream, a.c_str(), b.c_str(), "wb");
+            EXPECT_EQ(size, row.call == 's' && result == 1 ? CONTENT.size() : 0);
+        });
+        const size_t error = lines.find("ERROR:");
+        EXPECT_EQ(result, row.result) << row.call << a << ' ' << b;
+        EXPECT_EQ(error == std::string::npos ? "" : lines.substr(error),
+                  row.error.empty() ? "" : "ERROR:vos_fs:" + place(row.error) + "|");
+        EXPECT_EQ(stream != nullptr, row.call == 'o' && row.result == 1);
+        vos_fs_fclose(&stream);
+    }
+    Scratch scratch;
+};
+
+TEST_F(Fs, WalksCopiesAndMoves)
+{
+    std::ofstream("s") << CONTENT;
+    const Row rows[] = {
+        {'c', "@/s", "@/a/b/t", 1},
+        {'c', "@/s", "@/s", -1, "Can't open dest file \"@/s\" : it is the source file"},
+        {'c', "@/x", "@/y", -1, "Can't open source file \"@/x\" : No such file or directory"},
+        {'m', "@/s", "b", -3, "Invalid destination filename"},
+        {'m', "@/s", "x/b", -1, "Invalid directory name \"x/\""},
+        {'m', "@/s", "", -3, "Invalid filename while moving file"},
+        {'m', "@/s", "@/m/v", 1},
+        {'c', "v", "@/m/w", 1}, // looked up beside the destination
+        {'s', "w", "", 1},
+        {'s', "@", "", -1, "@ is a directory"},
+        {'s', "", "", -3, "Invalid filename"},
+        {'e', "@/c//d", "", -1, "Invalid directory/file name"},
+        {'e', "@/m/w", "", -1, "Can't change directory \"w\" : Not a directory"},
+        {'e', "//x", "", -1, "Not a relative directory/file name"},
+        {'o', "@", "e\\f/g", 1},
+        {'o', "@", "e/", -3, "Filename length is 0"},
+        {'o', "@", "e", -1, "Cant open file \"e\" : Is a directory"},
+        {'o', "", "e", -3, "Invalid parameter dirname=\"\" filename=\"e\""}};
+    for (const Row &row : rows) {
+        expect(row);
+    }
+    EXPECT_TRUE(content_of(place("@/m/w")) == CONTENT);
+    EXPECT_EQ(content_of(place("@/s")) + content_of(place("@/y")) + content_of(place("@/e/f/g")),
+              "--");
+}
+
+TEST_F(Fs, AcrossFileSystems)
+{
+    const std::string small = place("@/small");
+    std::filesystem::create_directory(small);
+    if ((unshare(CLONE_NEWNS) | mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) != 0) {
+        ASSERT_EQ(getenv("CI"), nullptr);
+        GTEST_SKIP() << "no mount namespace to be had";
+    }
+    ASSERT_EQ(mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k"), 0);
+    std::ofstream("large") << CONTENT;
+    std::ofstream("fits") << "fits";
+    const std::string full = "Can't write dest file \"@/small/l\" : No space left on device";
+    expect({'c', "@/large", "@/small/l", -1, full});
+    expect({'m', "@/large", "@/small/l", -1, full});
+    EXPECT_TRUE(content_of(place("@/large")) == CONTENT && content_of(small + "/l") == "-");
+    expect({'m', "@/fits", "@/small/f", 1});
+    EXPECT_EQ(content_of(place("@/fits")) + content_of(small + "/f"), "-fits");
+    ASSERT_EQ(mount(nullptr, small.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    expect({'m', "@/small/f", "@/g", -1,
+            "Can't remove source file \"@/small/f\" : Read-only file system"});
+    EXPECT_EQ(content_of(place("@/g")), "fits");
+    EXPECT_EQ(umount(small.c_str()), 0);
+}
+
+TEST(FsPath, PartsAndNames)
+{
+    char *text = nullptr;
+    const auto expect_text = [&text](int result, const char *expected) {
+        EXPECT_EQ(result, expected != nullptr ? 1 : -3);
+        EXPECT_STREQ(text, expected);
+        vos_mem_free(&text);
+    };
+    expect_text((text = vos_fs_build_path("c:\\x/", "\\y/", false), 1), "c:/x/y");
+    expect_text((text = vos_fs_build_path("", nullptr, true), 1), "/");
+    expect_text(vos_fs_make_unique_name("a.tar.gz", "x", &text, true), "a.tar.x");
+    expect_text(vos_fs_make_unique_name(".cfg", "x", &text, false), nullptr);
+    expect_text(vos_fs_replace_file_name("/a\\b", "c", &text), "/a\\c");
+    expect_text(vos_fs_split_path("/a/b", nullptr, &text), "b");
+    expect_text(vos_fs_split_path("/a/", nullptr, &text), nullptr);
+}
+} // namespace

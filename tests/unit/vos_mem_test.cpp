@@ -1,0 +1,100 @@
+#include "vos_mem.h"
+
+#include "support.h"
+#include "vos_fs.h"
+#include "vos_util_linux.h"
+
+namespace
+{
+TEST(Mem, CountsBlocksAndBytes)
+{
+    const Scratch scratch;
+    void *hundred = nullptr;
+    void *fifty = nullptr;
+    vos_mem_alloc(&hundred, 100);
+    vos_mem_calloc(&fifty, 50);
+    vos_mem_free(&hundred);
+    vos_mem_free(&hundred); // null by now
+    vos_mem_dump("dump");
+    char expected[100]; // the module's lock counts, but not as a block
+    snprintf(expected, sizeof expected, "Nbpools=1 memsize=%zu maxmem=%zu (most recent first):\n",
+             sizeof(VosMutex) + 50, sizeof(VosMutex) + 150);
+    EXPECT_EQ(content_of("dump"), expected);
+    vos_mem_free(&fifty);
+    uint32_t no_block[8] = {};
+    void *area = &no_block[4];
+    vos_mem_free(&area);
+    EXPECT_EQ(area, &no_block[4]) << "no block is out, so none is taken back";
+}
+
+TEST(Mem, BlocksAreAlignedAndCarryTheirSize)
+{
+    for (const uint32_t size : {1U, 7U, 8U, 65U, 0U, 0xFFFFFFFCU, UINT32_MAX}) {
+        uint8_t *block = nullptr;
+        vos_mem_calloc(&block, size);
+        EXPECT_EQ(block != nullptr, size > 0 && size < 100);
+        if (block != nullptr) {
+            EXPECT_EQ(memcmp(block - sizeof size, &size, sizeof size), 0);
+            EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % alignof(max_align_t), 0U);
+            EXPECT_EQ(Bytes(block, block + size), Bytes(size));
+            vos_mem_free(&block);
+        }
+    }
+    const std::vector<char> open = {'a', 'b', 'c'}; // no NUL: only the limit ends it
+    for (const uint32_t limit : {0U, 2U, 3U}) {
+        char *copy = vos_mem_strndup(open.data(), limit);
+        EXPECT_EQ(copy, std::string("abc", limit));
+        vos_mem_free(&copy);
+    }
+}
+
+TEST(MemBuf, GrowsByDoublingWithin32Bits)
+{
+    VosMemBuf *buffer = nullptr;
+    EXPECT_EQ(vos_mem_buf_create(&buffer, 4), 1);
+    for (const std::string bytes : {"abc", "0123456789", "xyz"}) { // exactly full at the end
+        EXPECT_EQ(vos_mem_buf_append(buffer, bytes.data(), static_cast<uint32_t>(bytes.size())), 1);
+        EXPECT_EQ(buffer->capacity, bytes == "abc" ? 4U : 16U);
+    }
+    uint8_t *data = nullptr;
+    uint32_t length = 0;
+    EXPECT_EQ(vos_mem_buf_detach(buffer, &data, &length), 1);
+    EXPECT_EQ(std::string(data, data + length), "abc0123456789xyz");
+    vos_mem_free(&data);
+    EXPECT_EQ(lines_of([&] {
+                  VosMemBuf one = {1, 0, nullptr};
+                  VosMemBuf half = {0x80000000, 16, nullptr};
+                  EXPECT_EQ(vos_mem_buf_append(buffer, "a", 1), -1) << "detached";
+                  EXPECT_EQ(vos_mem_buf_append(&one, "a", UINT32_MAX), -1);
+                  EXPECT_EQ(vos_mem_buf_append(&half, "a", 17), -1);
+                  EXPECT_EQ(half.room, 16U);
+              }),
+              "ERROR:vos_mem:Memory overflow||ERROR:vos_mem:Memory overflow||"
+              "ERROR:vos_mem:Memory overflow||");
+    EXPECT_EQ(vos_mem_buf_delete(&buffer), 1);
+    EXPECT_EQ(vos_mem_get_nbpools(), 0U);
+}
+
+// Each allocation of a call is made to fail in turn.
+TEST(Mem, FailedAllocationsAreErrorsAndLoseNothing)
+{
+    const Scratch scratch;
+    const std::function<int()> calls[] = {
+        [&] { return vos_fs_copy_rel_file("/proc/self", "stat", scratch.path.c_str()) - 1; },
+        [] {
+            VosQueue *list = vos_queue_create(0, nullptr);
+            const int index = list != nullptr ? vos_queue_append(list, nullptr) : -1;
+            return vos_queue_destroy(&list), index;
+        }};
+    for (const auto &call : calls) {
+        for (int nth = 1, left = 0; left == 0; ++nth) {
+            int result = 0;
+            fail_allocation = nth;
+            output_of([&] { result = call(); });
+            left = fail_allocation.exchange(0);
+            EXPECT_EQ(result < 0, left == 0) << nth;
+            EXPECT_EQ(vos_mem_get_nbpools(), 0U);
+        }
+    }
+}
+} // namespace

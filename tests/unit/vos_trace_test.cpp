@@ -1,0 +1,78 @@
+#include "vos_trace.h"
+
+#include <map>
+#include <thread>
+
+#include "support.h"
+
+namespace
+{
+TEST(Trace, LevelSelectsTheLines)
+{
+    const std::string all = "ERROR:m:100%d %n|WARNING:m:w|INFO:i1|DEBUG:m:d|DUMP:m:01 AB |";
+    for (const char *last : {"DUMP:m:01 AB |", "w|", "i1|", "01 AB |"}) { // start, levels 0, 1, 2
+        static uint32_t level = 0;
+        const std::string lines = lines_of([] {
+            vos_trace_error("m", 42, "%s", "100%d %n");
+            vos_trace_warning("m", 42, "w");
+            vos_trace_info("i%d", 1);
+            vos_trace_debug("m", 42, "d");
+            vos_trace_dump("m", 42, "\x01\xAB", 2);
+        });
+        EXPECT_EQ(lines, all.substr(0, all.find(last) + strlen(last)));
+        vos_trace_set_level(level++);
+    }
+}
+
+TEST(Trace, LinesArePrefixedInUtcAndCut)
+{
+    setenv("TZ", "XYZ-5", 1);
+    tzset();
+    fake_clock = {1795380088, 0};
+    for (const size_t length : {0U, 996U, 997U, 998U, 5000U}) {
+        const std::string message = std::string(length, 'x') + "\n"; // leaves an empty line
+        const auto trace = [&message] { vos_trace_error("m", 7, "%s", message.c_str()); };
+        EXPECT_EQ(output_of(trace), "20261122-204128:ERROR:m:7:" + message.substr(0, 997) + "\n");
+    }
+}
+
+TEST(Trace, DumpWritesEveryByteInWholeLines)
+{
+    const Bytes data(5000, 0xA5);
+    for (const auto &[size, count] : Table<uint32_t, int>{{0, 1}, {320, 1}, {5000, 16}}) {
+        std::string lines = lines_of([&, n = size] { vos_trace_dump("m", 7, data.data(), n); });
+        EXPECT_LE(lines.find('|'), 1023U - 18) << "with stamp and line number";
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), '|'), count);
+        for (size_t at = 0; (at = lines.find("DUMP:m:")) != std::string::npos;) {
+            lines.erase(at, 7);
+        }
+        std::erase_if(lines, [](char c) { return c == ' ' || c == '|'; });
+        EXPECT_EQ(unhex(lines), Bytes(size, 0xA5));
+    }
+}
+
+TEST(TraceDeathTest, FatalWritesItsLineAndExits)
+{
+    EXPECT_EXIT((dup2(STDERR_FILENO, STDOUT_FILENO), vos_trace_fatal("m", 42, "gone %d", 7)),
+                testing::ExitedWithCode(1), "^[0-9]{8}-[0-9]{6}:FATAL:m:42:gone 7\n$");
+}
+
+TEST(Trace, LinesOfManyThreadsStayWhole)
+{
+    std::map<char, size_t> next;
+    std::istringstream lines(output_of([] {
+        std::vector<std::jthread> writers;
+        for (char name = 'a'; name < 'i'; ++name) {
+            writers.emplace_back([name] {
+                for (size_t i = 0; i < 400; ++i) {
+                    vos_trace_info("%c%s", name, std::string(i, '.').c_str());
+                }
+            });
+        }
+    }));
+    for (std::string line; std::getline(lines, line);) {
+        ASSERT_EQ(line.substr(22), std::string(next[line.at(21)]++, '.'));
+    }
+    EXPECT_EQ(next.size() * next['a'], 8U * 400);
+}
+} // namespace
