@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "coap_client.h"
+#include "coap_server.h"
 #include "lan_cursor.h"
 #include "vos_fs.h"
 #include "vos_mem.h"
@@ -23,9 +24,10 @@ constexpr uint8_t PACKET_CHANNEL = 2;
 constexpr uint32_t PACKET_TYPE = 0;
 constexpr uint8_t PACKET_POWER = 27;
 
-// Largest packet whose request goes out whole: 1400 bytes less the CoAP header (4), the resource's
-// name (1 + 10), the payload marker (1) and the tx frame header.
-constexpr uint32_t MAX_PACKET_SIZE = 1400 - 4 - (1 + 10) - 1 - LAN_TX_HEADER_SIZE;
+// Largest packet whose request goes out whole: a message less the CoAP header (4), the resource's
+// name and its option byte, the payload marker (1) and the tx frame header.
+constexpr uint32_t MAX_PACKET_SIZE =
+    COAP_MAX_MESSAGE_SIZE - 4 - (1 + LAN_TX_MSG_REQ.name_length) - 1 - LAN_TX_HEADER_SIZE;
 
 // The file of an upgrade that can't be done; it may be gone already, or never have been a file.
 void remove_file(const char *path)

@@ -21,7 +21,6 @@ namespace
 constexpr char MODULE[] = "coap_client";
 constexpr uint16_t DEFAULT_PORT = 5683;
 constexpr size_t URI_PATH_ROOM = 40;
-constexpr size_t MAX_MESSAGE_SIZE = 1400;
 constexpr size_t MESSAGE_HEADER_SIZE = 4; // not counted in the size of a PDU
 constexpr int64_t WAIT_MS = 20'000;
 constexpr int64_t RETRANSMISSION_SLACK_MS = 10; // it is surely due then, whatever was rounded
@@ -50,7 +49,7 @@ unsigned code_detail(uint32_t code)
 CoapOption *coap_client_new_option_node(uint16_t number, uint32_t length, const uint8_t *value)
 {
     CoapOption *option = nullptr;
-    if (length <= MAX_MESSAGE_SIZE) {
+    if (length <= COAP_MAX_MESSAGE_SIZE) {
         vos_mem_alloc(&option, static_cast<uint32_t>(sizeof *option) + length);
     }
     if (option == nullptr) {
@@ -136,7 +135,7 @@ coap_pdu_t *build_pdu(coap_session_t *session, uint16_t port, const LanRequest &
     const auto type = static_cast<coap_pdu_type_t>(request.method >> 8 & 3);
     const auto code = static_cast<coap_pdu_code_t>(request.method & 0xFF);
     coap_pdu_t *pdu = coap_pdu_init(type, code, coap_new_message_id(session),
-                                    MAX_MESSAGE_SIZE - MESSAGE_HEADER_SIZE);
+                                    COAP_MAX_MESSAGE_SIZE - MESSAGE_HEADER_SIZE);
     for (const CoapOption *option = options; pdu != nullptr && option != nullptr;
          option = option->next) {
         complete =
@@ -194,7 +193,7 @@ void post_content(const coap_session_t *session, const coap_pdu_t *sent, const c
 // One line: the code and, after a blank, what the modem says about it.
 void report_error_answer(uint32_t code, const coap_pdu_t *received)
 {
-    char line[MAX_MESSAGE_SIZE + 16];
+    char line[COAP_MAX_MESSAGE_SIZE + 16];
     const int printed = snprintf(line, sizeof line, "%u.%02u", code_class(code), code_detail(code));
     auto size = static_cast<size_t>(printed);
     size_t length = 0;
@@ -355,7 +354,7 @@ uint32_t coap_client_send_request(const coap_address_t *destination, uint16_t po
     coap_session_t *session = coap_new_client_session(context, &local, &remote, COAP_PROTO_UDP);
     coap_pdu_t *pdu = nullptr;
     if (session != nullptr) {
-        coap_session_set_mtu(session, MAX_MESSAGE_SIZE);
+        coap_session_set_mtu(session, COAP_MAX_MESSAGE_SIZE);
         pdu = build_pdu(session, port, request, payload, payload_length);
     }
     if (pdu != nullptr) {

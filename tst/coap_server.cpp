@@ -128,7 +128,17 @@ coap_context_t *new_context(const addrinfo *result)
     coap_address_init(&address);
     address.size = result->ai_addrlen;
     memcpy(&address.addr, result->ai_addr, result->ai_addrlen);
-    return coap_new_context(coap_address_get_port(&address) != 0 ? &address : nullptr);
+    coap_context_t *context = coap_new_context(nullptr);
+    if (context == nullptr || coap_address_get_port(&address) == 0) {
+        return context;
+    }
+    coap_endpoint_t *endpoint = coap_new_endpoint(context, &address, COAP_PROTO_UDP);
+    if (endpoint == nullptr) {
+        coap_free_context(context);
+        return nullptr;
+    }
+    coap_endpoint_set_default_mtu(endpoint, COAP_MAX_MESSAGE_SIZE);
+    return context;
 }
 
 } // namespace

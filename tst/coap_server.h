@@ -6,6 +6,9 @@
 #include <coap3/coap.h>
 #include <cstdint>
 
+// Bytes of a whole CoAP message that is sent or taken: header, options, marker and payload.
+constexpr unsigned COAP_MAX_MESSAGE_SIZE = 1400;
+
 constexpr uint32_t COAP_SERVER_IPV4_TEXT_SIZE = 16;
 
 // Serves rx_msg_req, info_ind and firmware_install_ind on UDP port 5683 of all IPv4 addresses and

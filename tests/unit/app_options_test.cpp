@@ -9,10 +9,8 @@ std::string parse(const std::string &line)
 {
     std::istringstream stream("prog " + line);
     std::vector<std::string> words(std::istream_iterator<std::string>(stream), {});
-    std::vector<char *> arguments;
-    for (std::string &word : words) {
-        arguments.push_back(word.data());
-    }
+    std::vector<char *> arguments(words.size());
+    std::transform(words.begin(), words.end(), arguments.begin(), [](auto &w) { return w.data(); });
     AppOptions o;
     int result = 0;
     const auto count = static_cast<int>(arguments.size());

@@ -14,9 +14,9 @@ const std::string CONTENT(100'000, 'c'); // more than a copy holds at a time
 // A call by its letter; '@' stands for the scratch directory.
 struct Row {
     char call;
-    std::string a, b;
     int result;
-    std::string error = ""; // the message; for 's' and success, the size
+    std::string a, b;
+    std::string error{}; // what is traced
 };
 
 struct Fs : testing::Test {
@@ -57,24 +57,24 @@ TEST_F(Fs, WalksCopiesAndMoves)
 {
     std::ofstream("s") << CONTENT;
     const Row rows[] = {
-        {'c', "@/s", "@/a/b/t", 1},
-        {'c', "@/s", "@/s", -1, "Can't open dest file \"@/s\" : it is the source file"},
-        {'c', "@/x", "@/y", -1, "Can't open source file \"@/x\" : No such file or directory"},
-        {'m', "@/s", "b", -3, "Invalid destination filename"},
-        {'m', "@/s", "x/b", -1, "Invalid directory name \"x/\""},
-        {'m', "@/s", "", -3, "Invalid filename while moving file"},
-        {'m', "@/s", "@/m/v", 1},
-        {'c', "v", "@/m/w", 1}, // looked up beside the destination
-        {'s', "w", "", 1},
-        {'s', "@", "", -1, "@ is a directory"},
-        {'s', "", "", -3, "Invalid filename"},
-        {'e', "@/c//d", "", -1, "Invalid directory/file name"},
-        {'e', "@/m/w", "", -1, "Can't change directory \"w\" : Not a directory"},
-        {'e', "//x", "", -1, "Not a relative directory/file name"},
-        {'o', "@", "e\\f/g", 1},
-        {'o', "@", "e/", -3, "Filename length is 0"},
-        {'o', "@", "e", -1, "Cant open file \"e\" : Is a directory"},
-        {'o', "", "e", -3, "Invalid parameter dirname=\"\" filename=\"e\""}};
+        {'c', 1, "@/s", "@/a/b/t"},
+        {'c', -1, "@/s", "@/s", "Can't open dest file \"@/s\" : it is the source file"},
+        {'c', -1, "@/x", "@/y", "Can't open source file \"@/x\" : No such file or directory"},
+        {'m', -3, "@/s", "b", "Invalid destination filename"},
+        {'m', -1, "@/s", "x/b", "Invalid directory name \"x/\""},
+        {'m', -3, "@/s", "", "Invalid filename while moving file"},
+        {'m', 1, "@/s", "@/m/v"},
+        {'c', 1, "v", "@/m/w"}, // looked up beside the destination
+        {'s', 1, "w", ""},
+        {'s', -1, "@", "", "@ is a directory"},
+        {'s', -3, "", "", "Invalid filename"},
+        {'e', -1, "@/c//d", "", "Invalid directory/file name"},
+        {'e', -1, "@/m/w", "", "Can't change directory \"w\" : Not a directory"},
+        {'e', -1, "//x", "", "Not a relative directory/file name"},
+        {'o', 1, "@", "e\\f/g"},
+        {'o', -3, "@", "e/", "Filename length is 0"},
+        {'o', -1, "@", "e", "Cant open file \"e\" : Is a directory"},
+        {'o', -3, "", "e", "Invalid parameter dirname=\"\" filename=\"e\""}};
     for (const Row &row : rows) {
         expect(row);
     }
@@ -95,13 +95,13 @@ TEST_F(Fs, AcrossFileSystems)
     std::ofstream("large") << CONTENT;
     std::ofstream("fits") << "fits";
     const std::string full = "Can't write dest file \"@/small/l\" : No space left on device";
-    expect({'c', "@/large", "@/small/l", -1, full});
-    expect({'m', "@/large", "@/small/l", -1, full});
+    expect({'c', -1, "@/large", "@/small/l", full});
+    expect({'m', -1, "@/large", "@/small/l", full});
     EXPECT_TRUE(content_of(place("@/large")) == CONTENT && content_of(small + "/l") == "-");
-    expect({'m', "@/fits", "@/small/f", 1});
+    expect({'m', 1, "@/fits", "@/small/f"});
     EXPECT_EQ(content_of(place("@/fits")) + content_of(small + "/f"), "-fits");
     ASSERT_EQ(mount(nullptr, small.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    expect({'m', "@/small/f", "@/g", -1,
+    expect({'m', -1, "@/small/f", "@/g",
             "Can't remove source file \"@/small/f\" : Read-only file system"});
     EXPECT_EQ(content_of(place("@/g")), "fits");
     EXPECT_EQ(umount(small.c_str()), 0);

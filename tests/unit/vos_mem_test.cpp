@@ -63,11 +63,11 @@ TEST(MemBuf, GrowsByDoublingWithin32Bits)
     vos_mem_free(&data);
     EXPECT_EQ(lines_of([&] {
                   VosMemBuf one = {1, 0, nullptr};
-                  VosMemBuf half = {0x80000000, 16, nullptr};
+                  VosMemBuf large = {0xC0000000, 16, nullptr};
                   EXPECT_EQ(vos_mem_buf_append(buffer, "a", 1), -1) << "detached";
                   EXPECT_EQ(vos_mem_buf_append(&one, "a", UINT32_MAX), -1);
-                  EXPECT_EQ(vos_mem_buf_append(&half, "a", 17), -1);
-                  EXPECT_EQ(half.room, 16U);
+                  EXPECT_EQ(vos_mem_buf_append(&large, "a", 17), -1);
+                  EXPECT_EQ(large.room, 16U);
               }),
               "ERROR:vos_mem:Memory overflow||ERROR:vos_mem:Memory overflow||"
               "ERROR:vos_mem:Memory overflow||");
