@@ -316,7 +316,7 @@ std::string Process::skip_to(const std::string &wanted, milliseconds patience)
     });
     EXPECT_TRUE(printed) << wanted << " is not in\n" << output_.substr(begin);
     next_ = printed ? found + wanted.size() : output_.size();
-    const std::string skipped = output_.substr(begin, next_ - begin);
+    std::string skipped = output_.substr(begin, next_ - begin);
     output_.erase(0, next_);
     next_ = 0;
     return skipped;
