@@ -2,6 +2,8 @@
 # what the tool's own code may do without.
 
 add_library(wmbusctl_flags INTERFACE)
+# A file of any size and inode number can be looked at on a 32-bit machine, too.
+target_compile_definitions(wmbusctl_flags INTERFACE _FILE_OFFSET_BITS=64)
 target_compile_options(wmbusctl_flags INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wformat=2
   $<$<BOOL:${WMBUSCTL_WERROR}>:-Werror>

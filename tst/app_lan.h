@@ -78,7 +78,8 @@ int lan_start();
 int lan_stop();
 
 // Copies sender and payload into a LanMsg and posts it to the task that digests its type. 1, or 0
-// when the message was not taken (the mailbox is full or memory is out): nothing is kept then.
+// when the message was not taken (the mailbox is full, 16 MiB wait already, or memory is out):
+// nothing is kept then.
 // Any thread; never waits for the task.
 int lan_post_msg(uint32_t type, const coap_address_t *from, const uint8_t *payload,
                  uint32_t length);

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "coap_client.h"
@@ -29,10 +30,15 @@ constexpr uint8_t PACKET_POWER = 27;
 constexpr uint32_t MAX_PACKET_SIZE =
     COAP_MAX_MESSAGE_SIZE - 4 - (1 + LAN_TX_MSG_REQ.name_length) - 1 - LAN_TX_HEADER_SIZE;
 
-// The file of an upgrade that can't be done; it may be gone already, or never have been a file.
+// The file of an upgrade that can't be done. It may be gone already; a device or a pipe named by
+// mistake stays.
 void remove_file(const char *path)
 {
-    if (unlink(path) != 0 && errno != ENOENT && errno != EISDIR) {
+    struct stat status = {};
+    if (lstat(path, &status) != 0 || !(S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))) {
+        return;
+    }
+    if (unlink(path) != 0) {
         vos_trace_error(MODULE, __LINE__, "Can't remove file %s : %s", path, strerror(errno));
     }
 }
@@ -106,17 +112,22 @@ void send_packets(uint32_t serial, FILE *file, uint32_t packet_size, uint32_t de
     }
 }
 
-// Size of the file once it is in its place: it may have changed since it was first looked at.
-uint32_t place_firmware(const char *path, const char *placed)
+// Size of the file once it is in its place: it may have changed since it was first looked at. 0,
+// with a trace, when nothing was placed.
+uint32_t place_firmware(const char *path, const char *placed, const char *name)
 {
+    const bool other_upgrade = access(placed, F_OK) == 0;
     if (vos_fs_move_file(path, placed) != VOS_FS_OK) {
         vos_trace_error(MODULE, __LINE__, "Can not move fw file %s to %s", path, placed);
+        if (!other_upgrade) {
+            remove_file(placed); // a copy whose source can't be removed
+        }
         return 0;
     }
     uint32_t size = 0;
     vos_fs_get_file_size(placed, &size);
     if (size == 0) {
-        vos_trace_error(MODULE, __LINE__, "Empty firmware for upgrade(%s), name:%s", placed, path);
+        vos_trace_error(MODULE, __LINE__, "Empty firmware for upgrade(%s), name:%s", placed, name);
         remove_file(placed);
     }
     return size;
@@ -136,7 +147,7 @@ int lan_fw_upgrade(uint32_t serial, const char *path, const char *name)
     }
     char placed[PLACED_PATH_SIZE];
     snprintf(placed, sizeof placed, "%s%x", FIRMWARE_DIRECTORY, serial);
-    size = place_firmware(path, placed);
+    size = place_firmware(path, placed, name);
     if (size == 0) {
         remove_file(path);
         return -1;

@@ -297,12 +297,20 @@ int lan_handle_stats(const coap_address_t *from, const uint8_t *payload, uint32_
 
 int lan_handle_param(const coap_address_t * /*from*/, const uint8_t *payload, uint32_t length)
 {
+    if (payload == nullptr || length < LAN_PARAM_HEADER_SIZE) {
+        vos_trace_error(MODULE, __LINE__, "Malformed param msg");
+        return -1;
+    }
     LanReader reader{payload, length};
     const uint16_t id = lan_read_u16(&reader);
     const uint8_t announced = lan_read_u8(&reader);
     vos_trace_info("Param req : 0x%x len:%d, value:", id, announced);
     uint32_t value_length = 0;
     const uint8_t *value = lan_take(&reader, announced, &value_length);
+    if (value_length < announced) {
+        vos_trace_warning(MODULE, __LINE__, "Param value cut, announced:%d received:%d", announced,
+                          value_length);
+    }
     vos_trace_dump(MODULE, __LINE__, value, value_length);
     return 1;
 }

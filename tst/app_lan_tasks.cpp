@@ -14,6 +14,10 @@ constexpr uint32_t TASK_PRIORITY = 6;
 constexpr uint32_t ITF_TASK_WAIT = 100; // ticks
 constexpr uint32_t MODEM_TASK_WAIT = 500;
 
+// What may wait for tasks that print slowly, in bytes: a full mailbox of long frames would take
+// more than a small gateway has to spare.
+constexpr uint32_t MAX_MEMORY = 16U * 1024 * 1024;
+
 void free_msg(LanMsg *msg)
 {
     vos_mem_free(&msg->payload);
@@ -105,6 +109,9 @@ uint32_t _lan_modem_task(VosTask *task, uintptr_t /*argument*/)
 
 int lan_post_msg(uint32_t type, const coap_address_t *from, const uint8_t *payload, uint32_t length)
 {
+    if (vos_mem_get_memsize() > MAX_MEMORY) {
+        return 0;
+    }
     LanMsg *msg = new_msg(type, from, payload, length);
     if (msg == nullptr) {
         return 0;

@@ -190,7 +190,7 @@ void post_content(const coap_session_t *session, const coap_pdu_t *sent, const c
     }
 }
 
-// One line: the code and, after a blank, what the modem says about it.
+// In one write: the code and, after a blank, what the modem says about it.
 void report_error_answer(uint32_t code, const coap_pdu_t *received)
 {
     char line[COAP_MAX_MESSAGE_SIZE + 16];
@@ -316,16 +316,20 @@ void wait_for_exchange(coap_context_t *context, int descriptor)
     }
 }
 
+// Takes the PDU over. When it can't be sent nothing is pending, and there is nothing to wait for.
 void send_and_wait(coap_context_t *context, coap_session_t *session, coap_pdu_t *pdu)
 {
     if (coap_get_log_level() >= LOG_DEBUG) {
         coap_log(LOG_DEBUG, "sending CoAP request:\n");
         coap_show_pdu(LOG_DEBUG, pdu);
     }
-    // The library owns the PDU from here on, also when sending fails; then nothing is pending.
+
     const uint16_t port = coap_address_get_port(coap_session_get_addr_local(session));
     const int descriptor = coap_server_find_socket(port);
-    if (coap_send(session, pdu) != COAP_INVALID_MID && descriptor >= 0) {
+    if (descriptor < 0) {
+        vos_trace_error(MODULE, __LINE__, "Can't find the socket on port %d", port);
+        coap_delete_pdu(pdu);
+    } else if (coap_send(session, pdu) != COAP_INVALID_MID) {
         wait_for_exchange(context, descriptor);
     }
 }
@@ -352,13 +356,17 @@ uint32_t coap_client_send_request(const coap_address_t *destination, uint16_t po
     local.size = sizeof local.addr.sin;
     local.addr.sin.sin_family = AF_INET;
     coap_session_t *session = coap_new_client_session(context, &local, &remote, COAP_PROTO_UDP);
-    coap_pdu_t *pdu = nullptr;
+    // Without a session there is no way to the modem's address: nothing can be sent.
+    bool traced = session == nullptr;
     if (session != nullptr) {
         coap_session_set_mtu(session, COAP_MAX_MESSAGE_SIZE);
-        pdu = build_pdu(session, port, request, payload, payload_length);
+        coap_pdu_t *pdu = build_pdu(session, port, request, payload, payload_length);
+        if (pdu != nullptr) {
+            send_and_wait(context, session, pdu);
+            traced = true;
+        }
     }
-    if (pdu != nullptr) {
-        send_and_wait(context, session, pdu);
+    if (traced) {
         vos_trace_debug(MODULE, __LINE__, "COAP RES:%d.%02d", code_class(last_code),
                         code_detail(last_code));
     }

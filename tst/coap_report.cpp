@@ -44,8 +44,7 @@ void report(coap_log_t level, const char *message)
 
 void coap_report_start()
 {
-    struct stat status {
-    };
+    struct stat status = {};
     if (fstat(STDERR_FILENO, &status) == 0 &&
         (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))) {
         const int reopened = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);

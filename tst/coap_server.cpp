@@ -23,6 +23,7 @@ namespace
 constexpr char MODULE[] = "coap_server";
 constexpr char LISTEN_HOST[] = "0.0.0.0";
 constexpr char LISTEN_SERVICE[] = "5683";
+constexpr int MAX_DESCRIPTORS = 65536; // far more than this process has
 constexpr char MULTICAST_GROUP[] = "224.1.2.3";
 constexpr char MULTICAST_INTERFACE[] = "eth0";
 constexpr uint32_t TURN_MS = 2000;
@@ -192,8 +193,7 @@ int coap_server_get_ipv4_addr(const char *interface, char *text)
 
 int coap_server_find_socket(uint16_t port)
 {
-    const auto limit = static_cast<int>(sysconf(_SC_OPEN_MAX));
-    for (int descriptor = 0; descriptor < limit; ++descriptor) {
+    for (int descriptor = 0; descriptor < MAX_DESCRIPTORS; ++descriptor) {
         sockaddr_in address{};
         socklen_t address_size = sizeof address;
         int type = 0;

@@ -23,6 +23,7 @@ constexpr uint32_t LAN_RX_HEADER_SIZE = 17;
 constexpr uint32_t LAN_TX_HEADER_SIZE = 12;
 constexpr uint32_t LAN_TX_EXT_HEADER_SIZE = 32;
 constexpr uint32_t LAN_RX_MODE_CONFIG_SIZE = 2 * LAN_MAX_RF_RECEIVERS;
+constexpr uint32_t LAN_PARAM_HEADER_SIZE = 3;
 constexpr uint32_t LAN_PARAM_MAX_SIZE = 256; // parameter set: id, value length and value
 
 // A resource of a modem and how it is requested.

@@ -97,7 +97,8 @@ int copy_bytes(FILE *from, const char *source, FILE *to, const char *destination
                         strerror(errno));
         return VOS_FS_FAILED;
     }
-    if (fflush(to) != 0 || fsync(fileno(to)) != 0) {
+    // A file that can't be synced at all is as stored as it gets.
+    if (fflush(to) != 0 || (fsync(fileno(to)) != 0 && errno != EINVAL)) {
         vos_trace_error(MODULE, __LINE__, "Can't write dest file \"%s\" : %s", destination,
                         strerror(errno));
         return VOS_FS_FAILED;
@@ -113,6 +114,15 @@ void sync_current_directory()
     if (descriptor >= 0) {
         fsync(descriptor);
         close(descriptor);
+    }
+}
+
+// A part of a file must never be taken for the whole. What is no file was not made by the copy.
+void remove_partial(const char *path)
+{
+    struct stat status = {};
+    if (stat(path, &status) == 0 && S_ISREG(status.st_mode)) {
+        unlink(path);
     }
 }
 
@@ -141,17 +151,21 @@ int copy_stream(FILE *from, const char *source, const char *destination)
     if (result == VOS_FS_OK) {
         sync_current_directory();
     } else {
-        unlink(destination); // a part of a file must never be taken for the whole
+        remove_partial(destination);
     }
     return result;
 }
 
+bool is_directory(FILE *stream)
+{
+    struct stat status = {};
+    return fstat(fileno(stream), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 bool same_file(FILE *stream, const char *path)
 {
-    struct stat one {
-    };
-    struct stat other {
-    };
+    struct stat one = {};
+    struct stat other = {};
     return fstat(fileno(stream), &one) == 0 && stat(path, &other) == 0 &&
            one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
@@ -234,8 +248,7 @@ int vos_fs_get_file_stats(const char *directory, const char *file_name, uint32_t
         return VOS_FS_FAILED;
     }
     char *path = vos_fs_build_path(directory, file_name, false);
-    struct stat status {
-    };
+    struct stat status = {};
     if (path == nullptr || stat(path, &status) != 0) {
         vos_trace_error(MODULE, __LINE__, "Can't obtain file stats for file \"%s\" : %s",
                         path != nullptr ? path : file_name, strerror(errno));
@@ -257,8 +270,7 @@ int vos_fs_get_file_size(const char *path, uint32_t *size)
         vos_trace_error(MODULE, __LINE__, "Invalid filename");
         return VOS_FS_INVALID;
     }
-    struct stat status {
-    };
+    struct stat status = {};
     if (stat(path, &status) != 0) {
         vos_trace_error(MODULE, __LINE__, "Can't obtain file stats for file \"%s\" : %s", path,
                         strerror(errno));
@@ -344,8 +356,12 @@ int vos_fs_copy_file(const char *source, const char *destination)
                         strerror(errno));
         return VOS_FS_FAILED;
     }
-    if (same_file(from, destination)) {
-        // Opening the destination would empty the source.
+    // Opening the destination would empty it, whether or not the source can be copied.
+    if (is_directory(from)) {
+        vos_trace_error(MODULE, __LINE__, "Can't open source file \"%s\" : %s", source,
+                        strerror(EISDIR));
+        result = VOS_FS_FAILED;
+    } else if (same_file(from, destination)) {
         vos_trace_error(MODULE, __LINE__, "Can't open dest file \"%s\" : %s", destination,
                         "it is the source file");
         result = VOS_FS_FAILED;

@@ -98,13 +98,15 @@ bool wait_for_message(VosTask *task, timespec (*deadline_of)(uint32_t), uint32_t
         if (error == ETIMEDOUT) {
             return false;
         }
-        if (vos_queue_count(task->messages) != 0) {
-            break;
-        }
-        if (deadline_of == nullptr) {
-            vos_trace_error(MODULE, __LINE__, "pthread_cond_wait");
-        } else {
-            vos_trace_error(MODULE, __LINE__, "cond_timedwait:%d", error);
+        if (vos_queue_count(task->messages) == 0) {
+            // A trace may wait for its reader; senders must not wait with it.
+            pthread_mutex_unlock(&task->mutex);
+            if (deadline_of == nullptr) {
+                vos_trace_error(MODULE, __LINE__, "pthread_cond_wait");
+            } else {
+                vos_trace_error(MODULE, __LINE__, "cond_timedwait:%d", error);
+            }
+            pthread_mutex_lock(&task->mutex);
         }
     }
     return true;

@@ -3,6 +3,7 @@
 
 #include "app_lan_state.h"
 #include "support.h"
+#include "vos_mem.h"
 
 namespace
 {
@@ -48,8 +49,9 @@ TEST(Lan, HandlersReadNoFurtherThanThePayload)
          "|DUMP:app_lan:0B 44 2D 2C 78 |DEBUG:app_lan:Receive RF frame from EndPoint [2d 2c / 78] "
          "on modem [9]|DEBUG:app_lan:|################|################|"},
         {lan_handle_param, "0101FF0AFF",
-         "INFO:Param req : 0x101 len:255, value:|DUMP:app_lan:0A FF |"},
-        {lan_handle_param, "01", "INFO:Param req : 0x0 len:0, value:|DUMP:app_lan:|"}};
+         "INFO:Param req : 0x101 len:255, value:|WARNING:app_lan:Param value cut, announced:255 "
+         "received:2|DUMP:app_lan:0A FF |"},
+        {lan_handle_param, "0101", "-" + error + "Malformed param msg|"}};
     for (const auto &[handler, payload, expected] : rows) {
         const std::string seen = handle(handler, 1, unhex(payload));
         EXPECT_TRUE(seen.ends_with(expected)) << seen << " instead of " << expected;
@@ -127,4 +129,29 @@ TEST(Lan, AnInstallationRemovesItsOwnFileOnce)
     EXPECT_EQ(content_of("1"), "new");
 }
 
+TEST(Lan, AMessageThatFindsNoMemoryIsNotTaken)
+{
+    const BodyTask task([](VosTask *self) {
+        lan_state.itf_task = self;
+        const coap_address_t from = ipv4("10.0.0.1");
+        const uint8_t payload = 1;
+        const uint32_t blocks = vos_mem_get_nbpools();
+        for (fail_allocation = 1; lan_post_msg(LAN_MSG_RX_FRAME, &from, &payload, 1) == 0;) {
+            EXPECT_EQ(vos_mem_get_nbpools(), blocks);
+            static int nth = 1;
+            fail_allocation = ++nth;
+        }
+        EXPECT_EQ(fail_allocation, 1) << "message, payload and list node";
+        fail_allocation = 0;
+        void *block = nullptr;
+        vos_mem_alloc(&block, 16 * 1024 * 1024);
+        EXPECT_EQ(lan_post_msg(LAN_MSG_RX_FRAME, &from, &payload, 1), 0) << "too much waits";
+        vos_mem_free(&block);
+        void *received = nullptr;
+        EXPECT_EQ(vos_mbx_receive(self, &received, 1), 1);
+        auto *msg = static_cast<LanMsg *>(received);
+        vos_mem_free(&msg->payload);
+        vos_mem_free(&msg);
+    });
+}
 } // namespace

@@ -1,8 +1,10 @@
 #include "vos_fs.h"
 
+#include <fcntl.h>
 #include <fstream>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 #include "support.h"
 #include "vos_mem.h"
@@ -75,9 +77,11 @@ TEST_F(Fs, WalksCopiesAndMoves)
         {'o', -3, "@", "e/", "Filename length is 0"},
         {'o', -1, "@", "e", "Cant open file \"e\" : Is a directory"},
         {'o', -3, "", "e", "Invalid parameter dirname=\"\" filename=\"e\""}};
+    umask(0);
     for (const Row &row : rows) {
         expect(row);
     }
+    EXPECT_EQ(std::filesystem::status(place("@/m")).permissions(), std::filesystem::perms::all);
     EXPECT_TRUE(content_of(place("@/m/w")) == CONTENT);
     EXPECT_EQ(content_of(place("@/s")) + content_of(place("@/y")) + content_of(place("@/e/f/g")),
               "--");
@@ -98,13 +102,64 @@ TEST_F(Fs, AcrossFileSystems)
     expect({'c', -1, "@/large", "@/small/l", full});
     expect({'m', -1, "@/large", "@/small/l", full});
     EXPECT_TRUE(content_of(place("@/large")) == CONTENT && content_of(small + "/l") == "-");
-    expect({'m', 1, "@/fits", "@/small/f"});
+    EXPECT_EQ(lines_of([&] {
+                  const std::string from = place("@/fits");
+                  EXPECT_EQ(vos_fs_move_file(from.c_str(), (small + "/f").c_str()), 1);
+              }),
+              place("DEBUG:vos_fs:Can't move file from \"@/fits\" to \"@/small/f\" : Invalid "
+                    "cross-device link|DEBUG:vos_fs:Copying file \"@/fits\" to \"@/small/f\"|"));
     EXPECT_EQ(content_of(place("@/fits")) + content_of(small + "/f"), "-fits");
     ASSERT_EQ(mount(nullptr, small.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
     expect({'m', -1, "@/small/f", "@/g",
             "Can't remove source file \"@/small/f\" : Read-only file system"});
     EXPECT_EQ(content_of(place("@/g")), "fits");
     EXPECT_EQ(umount(small.c_str()), 0);
+}
+
+TEST_F(Fs, TellsWhatIsThere)
+{
+    FILE *stream = vos_fs_fopen("s", "wb");
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(fcntl(fileno(stream), F_GETFD), FD_CLOEXEC);
+    vos_fs_fclose(&stream);
+    EXPECT_EQ(stream, vos_fs_fopen(nullptr, "rb"));
+    chmod("s", 0640);
+    uint32_t type = 0;
+    uint32_t size = 9;
+    uint32_t bits = 0;
+    uint32_t modified = 0;
+    EXPECT_EQ(vos_fs_get_file_stats(".", "s", &type, &size, &bits, &modified), 1);
+    EXPECT_EQ(type, VOS_FS_TYPE_FILE);
+    EXPECT_EQ(size, 0U);
+    EXPECT_EQ(bits, 0640U);
+    EXPECT_LT(static_cast<uint32_t>(time(nullptr)) - modified, 5U);
+
+    std::string path = place("@\\");
+    VosDir *directory = vos_fs_open_dir(path.data());
+    EXPECT_EQ(path, place("@/"));
+    const char *name = nullptr;
+    do {
+        name = vos_fs_read_dir_entry(directory, &type);
+    } while (name != nullptr && name[0] == '.');
+    EXPECT_STREQ(name, "s");
+    EXPECT_EQ(type, static_cast<uint32_t>(DT_REG));
+    vos_fs_close_dir(&directory);
+    EXPECT_EQ(vos_fs_read_dir(directory), nullptr);
+
+    char *unique = nullptr;
+    EXPECT_EQ(vos_fs_make_unique_name("s.x", nullptr, &unique, true), 1);
+    const std::string text = unique;
+    EXPECT_TRUE(text.starts_with("s_") && text.size() == 6 &&
+                text.find_first_not_of("0123456789abcdef", 2) == std::string::npos)
+        << text;
+    vos_mem_free(&unique);
+    char *block = nullptr;
+    EXPECT_EQ(vos_fs_split_path_block("a\\b", &block), 1);
+    EXPECT_EQ(std::string(block, 5), std::string("a\\\0b\0", 5));
+    vos_mem_free(&block);
+    EXPECT_EQ(vos_fs_move_rel_file(path.c_str(), "s", place("@/to").c_str()), 1);
+    EXPECT_EQ(content_of(place("@/to/s")), "");
+    EXPECT_EQ(vos_fs_copy_rel_file(path.c_str(), "/s", "/"), -3);
 }
 
 TEST(FsPath, PartsAndNames)
@@ -117,6 +172,7 @@ TEST(FsPath, PartsAndNames)
     };
     expect_text((text = vos_fs_build_path("c:\\x/", "\\y/", false), 1), "c:/x/y");
     expect_text((text = vos_fs_build_path("", nullptr, true), 1), "/");
+    expect_text((text = vos_fs_build_path("x/", nullptr, true), 1), "x/");
     expect_text(vos_fs_make_unique_name("a.tar.gz", "x", &text, true), "a.tar.x");
     expect_text(vos_fs_make_unique_name(".cfg", "x", &text, false), nullptr);
     expect_text(vos_fs_replace_file_name("/a\\b", "c", &text), "/a\\c");

@@ -67,7 +67,7 @@ TEST(Waiting, EndsByTimeByAPostOrByAllBits)
         EXPECT_TRUE(wait_until([signal] { return waits(signal); }));
         vos_signal_post(signal);
         EXPECT_TRUE(wait_until([flags] { return waits(flags); }));
-        vos_event_assign(flags, 3); // nothing: a thread waits
+        vos_event_assign(flags, 8); // nothing: a thread waits
         vos_event_set(flags, 1);
         EXPECT_TRUE(waits(flags));
         vos_event_set(flags, 6);
