@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <system_error>
@@ -351,5 +352,11 @@ int Process::exit_status()
 std::string Process::proc_file(const char *name) const
 {
     return whole_file("/proc/" + std::to_string(pid_) + name);
+}
+
+long Process::open_descriptors() const
+{
+    const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid_) + "/fd");
+    return std::distance(begin(all), end(all));
 }
 } // namespace e2e

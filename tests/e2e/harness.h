@@ -83,6 +83,7 @@ public:
     void pause_reading(bool pause);
     int exit_status(); // waits for the program to end by itself
     std::string proc_file(const char *name) const;
+    long open_descriptors() const;
 
 private:
     void read_output(int pipe);

@@ -142,7 +142,6 @@ TEST_F(Load, MutatedDatagramsDoNoHarm)
             warm = resident();
         }
     }
-    std::cout << resident() - warm << " kilobytes more\n";
     EXPECT_LT(resident() - warm, 3072) << "kilobytes more";
 }
 } // namespace

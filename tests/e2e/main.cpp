@@ -26,6 +26,8 @@ exec unshare -n sh -ec '
     for host in 2 3 4 5 6 7; do ip address add 10.55.0.$host/24 dev eth0; done
     ip link set eth0 up
     ip route add 224.0.0.0/4 dev eth0
+    until ip link show eth0 | grep -q "state UP" &&
+        nsenter --net=/proc/self/fd/9 ip link show eth0 | grep -q "state UP"; do sleep 0.02; done
     E2E_GATEWAY=9 exec "$0" "$@"' "$0" "$@"
 )";
 

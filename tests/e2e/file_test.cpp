@@ -1,0 +1,188 @@
+#include "harness.h"
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace e2e
+{
+namespace
+{
+namespace fs = std::filesystem;
+
+const std::string PLACED = "/var/ftp/a1b2c3";
+const std::string RESULT = "DEBUG:coap_client:COAP RES:";
+
+std::string content_of(const std::string &path) // "-" when there is no such file
+{
+    std::ifstream file(path, std::ios::binary);
+    return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "-";
+}
+
+// Two small file systems of the test's own: the working directory and /var.
+struct Files : testing::Test {
+    const std::string directory = "/tmp/ein Ger\u00e4t";
+
+    void SetUp() override
+    {
+        if (gateway_namespace < 0) {
+            GTEST_SKIP() << "no file systems of our own without namespaces";
+        }
+        ASSERT_EQ(mount("tmpfs", "/var", "tmpfs", 0, "size=1m"), 0);
+        ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "size=4m"), 0);
+        fs::create_directory(directory);
+        fs::current_path(directory);
+    }
+};
+
+struct Firmware : Files {
+    static std::string request_line(const std::string &path)
+    {
+        return "DEBUG:app_lan:Request fw upgrade of Modem a1b2c3 (" + path + ")\n";
+    }
+    // Runs the upgrade until the modem has accepted it.
+    static void announce(Process &tool, Peer &modem, const std::string &path,
+                         const std::string &moving, std::size_t size)
+    {
+        tool.register_modem(modem);
+        tool.expect(request_line(path) + moving +
+                    text("DEBUG:app_lan:Request fw upgrade of Modem a1b2c3 (a1b2c3), name:manual, "
+                         "size:%zu\n",
+                         size));
+        modem.reply(
+            encode(ACK, CHANGED,
+                   modem.expect_request("POST firmware_upgrade_req " + hex(little_endian(size, 4)) +
+                                        "6 0 61 31 62 32 63 33 0")));
+        tool.expect(RESULT + "2.04\n");
+    }
+};
+
+TEST_F(Firmware, IsCopiedToAnotherFileSystemAndRemovedOnceInstalled)
+{
+    const std::string path = directory + "/fw.bin", firmware(30'000, 'f');
+    std::ofstream(path) << firmware;
+    Peer modem, stranger(2);
+    Process tool("-c 3 -u fw.bin");
+    announce(tool, modem, path,
+             "DEBUG:vos_fs:Can't move file from \"" + path + "\" to \"" + PLACED +
+                 "\" : Invalid cross-device link\nDEBUG:vos_fs:Copying file \"" + path +
+                 "\" to \"" + PLACED + "\"\n",
+             firmware.size());
+    EXPECT_TRUE(content_of(PLACED) == firmware);
+    EXPECT_FALSE(fs::exists(path));
+    stranger.report("firmware_install_ind", "\1");
+    tool.expect("ERROR:app_lan:Firmware install of an unknown modem\n");
+    EXPECT_TRUE(fs::exists(PLACED));
+    modem.report("firmware_install_ind", "\1");
+    tool.expect("DEBUG:app_lan:Firmware install (name:manual) of modem a1b2c3 is OK \n");
+    EXPECT_FALSE(fs::exists(PLACED));
+}
+
+TEST_F(Firmware, IsRenamedOnOneFileSystemAndRemovedWhenItFails)
+{
+    fs::create_directory("/var/ftp");
+    std::ofstream(PLACED) << "of an earlier upgrade";
+    std::ofstream("/var/fw") << "new";
+    Peer modem;
+    Process tool("-u /var/fw");
+    announce(tool, modem, "/var/fw", "", 3);
+    EXPECT_EQ(content_of(PLACED) + content_of("/var/fw"), "new-");
+    for (int i = 0; i < 2; ++i) { // a report that comes again does no harm
+        modem.report("firmware_install_ind", Bytes(1, '\0'));
+        tool.expect("DEBUG:app_lan:Firmware install (name:manual) of modem a1b2c3 is KO \n");
+        EXPECT_FALSE(fs::exists(PLACED));
+    }
+}
+
+TEST_F(Firmware, ThatCanNotBePlacedIsNotAnnounced)
+{
+    const struct {
+        std::string path;
+        std::size_t size;                // of the file made; 0 for none
+        std::string failure, error;      // lines
+        std::string obstacle{}, stays{}; // what is where /var/ftp should be; what is still there
+    } cases[] = {
+        {"/tmp/missing", 0,
+         "ERROR:vos_fs:Can't obtain file stats for file \"/tmp/missing\" : No such "
+         "file or directory\n",
+         "Empty firmware for upgrade(/tmp/missing), name:manual"},
+        {"/tmp/empty", 0, "", "Empty firmware for upgrade(/tmp/empty), name:manual"},
+        {"/tmp", 0, "ERROR:vos_fs:/tmp is a directory\n",
+         "Empty firmware for upgrade(/tmp), name:manual", "", "/tmp"},
+        {"/tmp/pipe", 0, "", "Empty firmware for upgrade(/tmp/pipe), name:manual", "", "/tmp/pipe"},
+        {"/tmp/fw", 2'000'000,
+         "DEBUG:vos_fs:Can't move file from \"/tmp/fw\" to \"/var/ftp/a1b2c3\" : Invalid "
+         "cross-device link\nDEBUG:vos_fs:Copying file \"/tmp/fw\" to \"/var/ftp/a1b2c3\"\n"
+         "ERROR:vos_fs:Can't write dest file \"/var/ftp/a1b2c3\" : No space left on device\n",
+         "Can not move fw file /tmp/fw to /var/ftp/a1b2c3"},
+        {"/tmp/fw", 10, "ERROR:vos_fs:Can't change directory \"ftp\" : Not a directory\n",
+         "Can not move fw file /tmp/fw to /var/ftp/a1b2c3", "/var/ftp", "/var/ftp"},
+    };
+    ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
+    for (const auto &[path, size, failure, error, obstacle, stays] : cases) {
+        SCOPED_TRACE(path + failure);
+        fs::remove_all("/var/ftp");
+        if (size != 0 || path.ends_with("empty")) {
+            std::ofstream(path) << std::string(size, 'x');
+        }
+        std::ofstream(obstacle) << "in the way";
+        Peer modem;
+        Process tool("-u " + path);
+        tool.register_modem(modem);
+        tool.expect(request_line(path) + failure + "ERROR:app_lan:" + error + "\n");
+        EXPECT_EQ(hex(modem.receive(milliseconds(300))), "");
+        EXPECT_EQ(fs::exists(path), path == stays);
+        EXPECT_FALSE(fs::exists(PLACED));
+        EXPECT_TRUE(stays.empty() || fs::exists(stays));
+    }
+}
+
+TEST_F(Files, DownloadSendsPacketsWithPauses)
+{
+    const std::string path = directory + "/upd.bin";
+    const std::string packets[] = {std::string(64, '1'), std::string(64, '2')};
+    std::ofstream(path) << packets[0] << packets[1];
+    Peer modem;
+    Process tool("-d upd.bin 64 5");
+    tool.register_modem(modem);
+    modem.reply(encode(ACK, CHANGED, modem.expect_request("POST command_req 2")));
+    tool.expect(RESULT + "2.04\nDEBUG:app_lan:Request donwnload  file " + path + "\n");
+    for (const std::string &packet : packets) {
+        const auto begin = std::chrono::steady_clock::now();
+        const int id =
+            modem.expect_request("PUT tx_msg_req 0 0 0 0 0 0 40 0 10 2 0 1B " + hex(packet));
+        EXPECT_EQ(std::chrono::steady_clock::now() - begin >= milliseconds(90), &packet != packets);
+        modem.reply(encode(ACK, CHANGED, id));
+        tool.expect(text("DEBUG:app_lan:Send packet n %d\n", packet[0] - '0') + RESULT + "2.04\n");
+    }
+    EXPECT_EQ(hex(modem.receive(milliseconds(300))), "");
+    EXPECT_EQ(content_of(path), packets[0] + packets[1]);
+}
+
+TEST_F(Files, DownloadArrivesWholeThoughAnswersGetLost)
+{
+    std::string content;
+    for (std::uint32_t packet = 0; packet < 10'000; ++packet) {
+        content += little_endian(packet * 2654435761U, 4) + std::string(60, 'p');
+    }
+    std::ofstream("upd.bin") << content;
+    Process modem("--address " + address(1) + " --announce-to " + address(0) +
+                      " --announce-every 1 --rate 0 --fault lost --fault-every 4000 --collect got",
+                  WMBUSCTL_SIM);
+    modem.ignore_rest();
+    Process tool("-d upd.bin 64 0");
+    tool.ignore_rest();
+    tool.skip_to("INFO:Start CoAP server");
+    std::this_thread::sleep_for(milliseconds(100));
+    const long before = tool.open_descriptors();
+    tool.skip_to("DEBUG:app_lan:Send packet n 10000\n", milliseconds(60'000));
+    tool.skip_to("2.04\n");
+    EXPECT_TRUE(content_of("got") == content);
+    std::this_thread::sleep_for(milliseconds(100));
+    EXPECT_EQ(tool.open_descriptors(), before);
+}
+} // namespace
+} // namespace e2e
