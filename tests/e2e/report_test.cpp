@@ -83,28 +83,6 @@ TEST_F(Report, DumpsLongFramesOnSeveralLines)
     }
 }
 
-TEST_F(Report, NeverDumpsMoreThanAFrameHolds)
-{
-    const std::string marker = frame_lines(numbered(1));
-    for (std::size_t size = 1; size <= 12; ++size) {
-        const Bytes data = unhex("C 44 93 15 78 56 34 12 1 7 7A 0").substr(0, size);
-        for (const unsigned announced : {0U, 1U, 9U, 12U, 13U, 0xFFFFU}) {
-            SCOPED_TRACE(text("%zu bytes, %u announced", size, announced));
-            modem.report("rx_msg_req", frame("").substr(0, 12) + little_endian(announced, 2) +
-                                           unhex("50 3 1") + data);
-            modem.report("rx_msg_req", frame(numbered(1)));
-            std::string printed = tool.skip_to(marker);
-            printed.resize(printed.size() - marker.size());
-            EXPECT_NE(printed.find(" PACKET RECEIVED "), std::string::npos);
-            const std::size_t dump = printed.find("DUMP:app_lan:");
-            if (dump != std::string::npos) {
-                printed = printed.substr(dump + 13, printed.find('\n', dump) - dump - 13);
-                EXPECT_EQ(hex(data).find(printed), 0U) << printed;
-            }
-        }
-    }
-}
-
 TEST_F(Report, IsAnsweredByTheRulesOfTheProtocol)
 {
     const struct {

@@ -124,25 +124,20 @@ TEST_F(Fs, TellsWhatIsThere)
     vos_fs_fclose(&stream);
     EXPECT_EQ(stream, vos_fs_fopen(nullptr, "rb"));
     chmod("s", 0640);
-    uint32_t type = 0;
-    uint32_t size = 9;
-    uint32_t bits = 0;
-    uint32_t modified = 0;
-    EXPECT_EQ(vos_fs_get_file_stats(".", "s", &type, &size, &bits, &modified), 1);
-    EXPECT_EQ(type, VOS_FS_TYPE_FILE);
-    EXPECT_EQ(size, 0U);
-    EXPECT_EQ(bits, 0640U);
-    EXPECT_LT(static_cast<uint32_t>(time(nullptr)) - modified, 5U);
+    uint32_t told[4] = {9, 9, 9, 9};
+    EXPECT_EQ(vos_fs_get_file_stats(".", "s", told, told + 1, told + 2, told + 3), 1);
+    EXPECT_EQ(Bytes(told, told + 3), (Bytes{VOS_FS_TYPE_FILE, 0, 0640 & 0xFF}));
+    EXPECT_LT(static_cast<uint32_t>(time(nullptr)) - told[3], 5U);
 
     std::string path = place("@\\");
     VosDir *directory = vos_fs_open_dir(path.data());
     EXPECT_EQ(path, place("@/"));
     const char *name = nullptr;
     do {
-        name = vos_fs_read_dir_entry(directory, &type);
+        name = vos_fs_read_dir_entry(directory, told);
     } while (name != nullptr && name[0] == '.');
     EXPECT_STREQ(name, "s");
-    EXPECT_EQ(type, static_cast<uint32_t>(DT_REG));
+    EXPECT_EQ(told[0], uint32_t{DT_REG});
     vos_fs_close_dir(&directory);
     EXPECT_EQ(vos_fs_read_dir(directory), nullptr);
 
