@@ -73,9 +73,9 @@ struct VosEventFlags {
 VosEventFlags *vos_event_create(const char *name);
 
 // Blocks until all bits of the mask are set, at most ticks (0: no limit). 1 when they are, 0 when
-// the time passed without, 2 when the object was deleted during the wait (it is gone then), 1 at once for
-// a null handle. *bits_out receives the bits as they were (not for a null handle); all bits are
-// cleared by every wait, also one that ran out. One thread at a time.
+// the time passed without, 2 when the object was deleted during the wait (it is gone then), 1 at
+// once for a null handle. *bits_out receives the bits as they were (not for a null handle); all
+// bits are cleared by every wait, also one that ran out. One thread at a time.
 int vos_event_wait(VosEventFlags *flags, uint32_t ticks, uint32_t mask, uint32_t *bits_out);
 
 // Adds the bits and wakes the waiter; any thread; nothing for a null handle.
