@@ -132,7 +132,9 @@ TEST_F(Firmware, ThatCanNotBePlacedIsNotAnnounced)
         Peer modem;
         Process tool("-u " + path);
         tool.register_modem(modem);
-        tool.expect(request_line(path) + failure + "ERROR:app_lan:" + error + "\n");
+        tool.expect(request_line(path));
+        tool.expect(failure);
+        tool.expect("ERROR:app_lan:" + error + "\n");
         EXPECT_EQ(hex(modem.receive(milliseconds(300))), "");
         EXPECT_EQ(fs::exists(path), path == stays);
         EXPECT_FALSE(fs::exists(PLACED));
@@ -166,7 +168,7 @@ TEST_F(Files, DownloadArrivesWholeThoughAnswersGetLost)
 {
     std::string content;
     for (std::uint32_t packet = 0; packet < 10'000; ++packet) {
-        content += little_endian(packet * 2654435761U, 4) + std::string(60, 'p');
+        content += little_endian(std::size_t{packet} * 2654435761U, 4) + std::string(60, 'p');
     }
     std::ofstream("upd.bin") << content;
     Process modem("--address " + address(1) + " --announce-to " + address(0) +
