@@ -1,5 +1,7 @@
 #include "harness.h"
 
+#include "../private_mounts.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
@@ -35,8 +37,9 @@ exec unshare -n sh -ec '
 void enter_namespaces(std::vector<char *> words)
 {
     std::string self = std::filesystem::read_symlink("/proc/self/exe");
-    std::string command[] = {"unshare", geteuid() == 0 ? "-nm" : "-rUnm", "sh", "-ec", LAY_CABLE};
-    if (system(("unshare " + command[1] + " ip link set lo up 2>/dev/null").c_str()) == 0) {
+    std::string command[] = {"unshare", geteuid() == 0 ? "-n" : "-rUnm", "sh", "-ec", LAY_CABLE};
+    if ((geteuid() != 0 || make_mounts_private()) &&
+        system(("unshare " + command[1] + " ip link set lo up 2>/dev/null").c_str()) == 0) {
         words.front() = self.data();
         for (int i = 4; i >= 0; --i) {
             words.insert(words.begin(), command[i].data());

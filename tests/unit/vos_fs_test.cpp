@@ -2,10 +2,9 @@
 
 #include <fcntl.h>
 #include <fstream>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 
+#include "../private_mounts.h"
 #include "support.h"
 #include "vos_mem.h"
 
@@ -91,7 +90,7 @@ TEST_F(Fs, AcrossFileSystems)
 {
     const std::string small = place("@/small");
     std::filesystem::create_directory(small);
-    if ((unshare(CLONE_NEWNS) | mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) != 0) {
+    if (!make_mounts_private()) {
         ASSERT_EQ(getenv("CI"), nullptr);
         GTEST_SKIP() << "no mount namespace to be had";
     }
