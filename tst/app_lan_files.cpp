@@ -116,11 +116,13 @@ void send_packets(uint32_t serial, FILE *file, uint32_t packet_size, uint32_t de
 // with a trace, when nothing was placed.
 uint32_t place_firmware(const char *path, const char *placed, const char *name)
 {
-    const bool other_upgrade = access(placed, F_OK) == 0;
+    struct stat before = {};
+    struct stat after = {};
+    lstat(placed, &before);
     if (vos_fs_move_file(path, placed) != VOS_FS_OK) {
         vos_trace_error(MODULE, __LINE__, "Can not move fw file %s to %s", path, placed);
-        if (!other_upgrade) {
-            remove_file(placed); // a copy whose source can't be removed
+        if (lstat(placed, &after) == 0 && after.st_ino != before.st_ino) {
+            remove_file(placed); // a whole copy, but of a source that can't be removed
         }
         return 0;
     }

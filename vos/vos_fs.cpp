@@ -15,7 +15,9 @@ namespace
 
 constexpr const char *MODULE = VOS_FS_MODULE;
 constexpr uint32_t COPY_BUFFER_SIZE = 10240;
+constexpr char PARTIAL_SUFFIX[] = ".part"; // of a copy that is not complete yet
 constexpr mode_t DIRECTORY_MODE = 0777;
+constexpr mode_t FILE_MODE = 0666;
 constexpr mode_t PERMISSION_BITS = 0777;
 
 void mark_close_on_exec(FILE *stream)
@@ -117,42 +119,75 @@ void sync_current_directory()
     }
 }
 
-// A part of a file must never be taken for the whole. What is no file was not made by the copy.
-void remove_partial(const char *path)
+// A new file, also where one of that name was left behind or a link was laid.
+FILE *create_file(const char *path)
+{
+    unlink(path);
+    const int descriptor = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE);
+    return descriptor >= 0 ? fdopen(descriptor, "wb") : nullptr;
+}
+
+// Writes the copy under the name partial first, so that the destination only ever holds a whole
+// file: the one before, or the new one.
+int copy_by_rename(FILE *from, const char *source, const char *destination, const char *partial,
+                   char *buffer)
+{
+    FILE *to = create_file(partial);
+    if (to == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Can't open dest file \"%s\" : %s", destination,
+                        strerror(errno));
+        return VOS_FS_FAILED;
+    }
+    int result = copy_bytes(from, source, to, destination, buffer);
+    const bool closed = fclose(to) == 0;
+    if (result == VOS_FS_OK && !(closed && rename(partial, destination) == 0)) {
+        vos_trace_error(MODULE, __LINE__, "Can't write dest file \"%s\" : %s", destination,
+                        strerror(errno));
+        result = VOS_FS_FAILED;
+    }
+    if (result == VOS_FS_OK) {
+        sync_current_directory();
+    } else {
+        unlink(partial);
+    }
+    return result;
+}
+
+// A device or a pipe is written to, not replaced.
+int copy_to_special(FILE *from, const char *source, const char *destination, char *buffer)
+{
+    FILE *to = vos_fs_fopen(destination, "wb");
+    if (to == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Can't open dest file \"%s\" : %s", destination,
+                        strerror(errno));
+        return VOS_FS_FAILED;
+    }
+    const int result = copy_bytes(from, source, to, destination, buffer);
+    vos_fs_fclose(&to);
+    return result;
+}
+
+bool is_special(const char *path)
 {
     struct stat status = {};
-    if (stat(path, &status) == 0 && S_ISREG(status.st_mode)) {
-        unlink(path);
-    }
+    return lstat(path, &status) == 0 && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode);
 }
 
 int copy_stream(FILE *from, const char *source, const char *destination)
 {
     char *buffer = nullptr;
+    char *partial = vos_fs_append(destination, PARTIAL_SUFFIX);
     vos_mem_alloc(&buffer, COPY_BUFFER_SIZE);
-    if (buffer == nullptr) {
+    int result = VOS_FS_NO_MEMORY;
+    if (buffer == nullptr || partial == nullptr) {
         vos_trace_error(MODULE, __LINE__, "Memory overflow");
-        return VOS_FS_NO_MEMORY;
-    }
-    FILE *to = vos_fs_fopen(destination, "wb");
-    if (to == nullptr) {
-        vos_trace_error(MODULE, __LINE__, "Can't open dest file \"%s\" : %s", destination,
-                        strerror(errno));
-        vos_mem_free(&buffer);
-        return VOS_FS_FAILED;
-    }
-    int result = copy_bytes(from, source, to, destination, buffer);
-    if (fclose(to) != 0 && result == VOS_FS_OK) {
-        vos_trace_error(MODULE, __LINE__, "Can't write dest file \"%s\" : %s", destination,
-                        strerror(errno));
-        result = VOS_FS_FAILED;
-    }
-    vos_mem_free(&buffer);
-    if (result == VOS_FS_OK) {
-        sync_current_directory();
+    } else if (is_special(destination)) {
+        result = copy_to_special(from, source, destination, buffer);
     } else {
-        remove_partial(destination);
+        result = copy_by_rename(from, source, destination, partial, buffer);
     }
+    vos_mem_free(&partial);
+    vos_mem_free(&buffer);
     return result;
 }
 
@@ -356,7 +391,6 @@ int vos_fs_copy_file(const char *source, const char *destination)
                         strerror(errno));
         return VOS_FS_FAILED;
     }
-    // Opening the destination would empty it, whether or not the source can be copied.
     if (is_directory(from)) {
         vos_trace_error(MODULE, __LINE__, "Can't open source file \"%s\" : %s", source,
                         strerror(EISDIR));

@@ -76,6 +76,15 @@ uint32_t vos_fs_directory_length(const char *path)
     return length;
 }
 
+char *vos_fs_append(const char *text, const char *suffix)
+{
+    char *path = new_string(strlen(text), strlen(suffix));
+    if (path != nullptr) {
+        append(append(path, text), suffix);
+    }
+    return path;
+}
+
 char *vos_fs_join(const char *directory, const char *name)
 {
     char *path = new_string(strlen(directory), strlen(name));

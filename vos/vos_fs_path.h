@@ -20,6 +20,9 @@ inline bool vos_fs_is_empty(const char *text)
 // Length of the part of path up to and with its last separator; 0 without one.
 uint32_t vos_fs_directory_length(const char *path);
 
+// A new string: text and suffix. Null without memory.
+char *vos_fs_append(const char *text, const char *suffix);
+
 // A new string: directory (not empty), one separator, name. Null without memory.
 char *vos_fs_join(const char *directory, const char *name);
 

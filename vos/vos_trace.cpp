@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <poll.h>
+#include <pthread.h>
 #include <unistd.h>
 
 namespace
@@ -20,6 +21,7 @@ constexpr size_t TEXT_SIZE = LINE_SIZE - 1;
 constexpr size_t DUMP_BYTE_SIZE = 3;
 
 std::atomic<uint32_t> trace_level{LEVEL_DEBUG};
+pthread_mutex_t output_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 struct Line {
     size_t length;
@@ -65,7 +67,7 @@ bool wait_for_output()
     return poll(&output, 1, -1) >= 0 || errno == EINTR;
 }
 
-void write_line(const char *text, size_t length)
+void write_all(const char *text, size_t length)
 {
     while (length > 0) {
         const ssize_t written = write(STDOUT_FILENO, text, length);
@@ -78,10 +80,14 @@ void write_line(const char *text, size_t length)
     }
 }
 
+// A terminal or an output that does not block may take a line in parts; no other line may come in
+// between.
 void end_line(Line *line)
 {
     line->text[line->length] = '\n';
-    write_line(line->text, line->length + 1);
+    pthread_mutex_lock(&output_mutex);
+    write_all(line->text, line->length + 1);
+    pthread_mutex_unlock(&output_mutex);
 }
 
 VOS_PRINTF_LIKE(2, 0)

@@ -8,7 +8,8 @@
 // follows. A message that ends in a newline of its own leaves an empty line behind it.
 //
 // Any thread may trace at any time, from the first instruction of main on. A line is built on the
-// caller's stack and leaves in one write, so lines of several threads never mix. The calls block
+// caller's stack and leaves whole, in one write where the output takes it, so lines of several
+// threads never mix. The calls block
 // while standard output takes no bytes (a stopped terminal, a full pipe); they must not be made
 // by a thread that may not wait for a reader. An output that is gone loses the line, silently.
 //

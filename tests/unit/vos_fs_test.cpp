@@ -97,10 +97,12 @@ TEST_F(Fs, AcrossFileSystems)
     ASSERT_EQ(mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k"), 0);
     std::ofstream("large") << CONTENT;
     std::ofstream("fits") << "fits";
+    std::ofstream(small + "/l") << "before";
     const std::string full = "Can't write dest file \"@/small/l\" : No space left on device";
     expect({'c', -1, "@/large", "@/small/l", full});
     expect({'m', -1, "@/large", "@/small/l", full});
-    EXPECT_TRUE(content_of(place("@/large")) == CONTENT && content_of(small + "/l") == "-");
+    EXPECT_TRUE(content_of(place("@/large")) == CONTENT && content_of(small + "/l") == "before");
+    EXPECT_FALSE(std::filesystem::exists(small + "/l.part"));
     EXPECT_EQ(lines_of([&] {
                   const std::string from = place("@/fits");
                   EXPECT_EQ(vos_fs_move_file(from.c_str(), (small + "/f").c_str()), 1);
