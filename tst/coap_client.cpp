@@ -7,7 +7,6 @@
 #include <ctime>
 #include <poll.h>
 #include <string_view>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include "app_lan.h"
@@ -24,8 +23,7 @@ constexpr size_t URI_PATH_ROOM = 40;
 constexpr size_t MESSAGE_HEADER_SIZE = 4; // not counted in the size of a PDU
 constexpr int64_t WAIT_MS = 20'000;
 constexpr int64_t RETRANSMISSION_SLACK_MS = 10; // it is surely due then, whatever was rounded
-constexpr int MAX_EVENTS = 8;
-constexpr uint32_t CODE_CONTENT = 69; // 2.05
+constexpr uint32_t CODE_CONTENT = 69;           // 2.05
 constexpr uint32_t FIRST_ERROR_CLASS = 4;
 
 // One option of the request under construction.
@@ -276,16 +274,6 @@ void discard_socket_error(int descriptor)
     }
 }
 
-// Hands the datagrams that have arrived to the library. Its own loop would look at its clock, too.
-void read_datagrams(coap_context_t *context)
-{
-    epoll_event events[MAX_EVENTS];
-    const int count = epoll_wait(coap_context_get_coap_fd(context), events, MAX_EVENTS, 0);
-    if (count > 0) {
-        coap_io_do_epoll(context, events, static_cast<size_t>(count));
-    }
-}
-
 // Runs the exchange until nothing is pending or the time is over.
 void wait_for_exchange(coap_context_t *context, int descriptor)
 {
@@ -311,7 +299,7 @@ void wait_for_exchange(coap_context_t *context, int descriptor)
             perror("select");
         } else if (ready > 0 && (socket.revents & POLLIN) != 0) {
             discard_socket_error(descriptor);
-            read_datagrams(context);
+            coap_server_read(context, 0);
         }
     }
 }
@@ -329,7 +317,10 @@ void send_and_wait(coap_context_t *context, coap_session_t *session, coap_pdu_t 
     if (descriptor < 0) {
         vos_trace_error(MODULE, __LINE__, "Can't find the socket on port %d", port);
         coap_delete_pdu(pdu);
-    } else if (coap_send(session, pdu) != COAP_INVALID_MID) {
+        return;
+    }
+    coap_server_filter_socket(descriptor);
+    if (coap_send(session, pdu) != COAP_INVALID_MID) {
         wait_for_exchange(context, descriptor);
     }
 }

@@ -6,8 +6,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <linux/filter.h>
 #include <net/if.h>
 #include <netdb.h>
+#include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -26,7 +29,8 @@ constexpr char LISTEN_SERVICE[] = "5683";
 constexpr int MAX_DESCRIPTORS = 65536; // far more than this process has
 constexpr char MULTICAST_GROUP[] = "224.1.2.3";
 constexpr char MULTICAST_INTERFACE[] = "eth0";
-constexpr uint32_t TURN_MS = 2000;
+constexpr unsigned TURN_MS = 2000;
+constexpr int MAX_EVENTS = 8;
 constexpr size_t MAX_ADDRESS_SIZE = 128;
 
 // A sender without an exchange under way keeps a session for some minutes; more of them than this
@@ -96,9 +100,18 @@ void add_resource(coap_context_t *context, const ServedResource &served)
     coap_add_resource(context, resource);
 }
 
+// How long a turn waits: until the library has something to send, at most its whole length.
+int turn_timeout(coap_context_t *context)
+{
+    coap_tick_t now = 0;
+    coap_ticks(&now);
+    const unsigned due_ms = coap_io_prepare_epoll(context, now); // sends what is due already
+    return static_cast<int>(due_ms != 0 ? std::min(due_ms, TURN_MS) : TURN_MS);
+}
+
 // The membership is asked for on the interface's own address: the kernel takes the interface that
 // carries it and no other.
-void join_multicast_group()
+void join_multicast_group(int descriptor)
 {
     char interface_address[COAP_SERVER_IPV4_TEXT_SIZE] = "0.0.0.0";
     coap_server_get_ipv4_addr(MULTICAST_INTERFACE, interface_address);
@@ -106,7 +119,6 @@ void join_multicast_group()
     ip_mreq membership{};
     membership.imr_multiaddr.s_addr = inet_addr(MULTICAST_GROUP);
     membership.imr_interface.s_addr = inet_addr(interface_address);
-    const int descriptor = coap_server_find_socket(LAN_COAP_PORT);
     if (setsockopt(descriptor, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) !=
         0) {
         vos_trace_error(MODULE, __LINE__, "cannot join multicast group");
@@ -116,10 +128,7 @@ void join_multicast_group()
 void serve(coap_context_t *context)
 {
     while (quit_flag.load(std::memory_order_relaxed) == 0) {
-        if (coap_io_process(context, TURN_MS) < 0) {
-            perror("select");
-            vos_util_sleep(1); // an error that stays must not spin
-        }
+        coap_server_read(context, turn_timeout(context));
     }
 }
 
@@ -191,6 +200,32 @@ int coap_server_get_ipv4_addr(const char *interface, char *text)
     return result;
 }
 
+void coap_server_filter_socket(int descriptor)
+{
+    constexpr uint32_t CODE_OFFSET = 8 + 1; // behind the UDP header
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, CODE_OFFSET), BPF_STMT(BPF_ALU | BPF_AND | BPF_K, 0xE0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0xE0, 0, 1), BPF_STMT(BPF_RET | BPF_K, 0),
+        BPF_STMT(BPF_RET | BPF_K, UINT32_MAX),
+    };
+    const sock_fprog filter{std::size(program), program};
+    if (setsockopt(descriptor, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0) {
+        vos_trace_warning(MODULE, __LINE__, "Can't filter socket : %s", strerror(errno));
+    }
+}
+
+void coap_server_read(coap_context_t *context, int timeout_ms)
+{
+    epoll_event events[MAX_EVENTS];
+    const int count = epoll_wait(coap_context_get_coap_fd(context), events, MAX_EVENTS, timeout_ms);
+    if (count > 0) {
+        coap_io_do_epoll(context, events, static_cast<size_t>(count));
+    } else if (count < 0 && errno != EINTR) {
+        perror("select");
+        vos_util_sleep(1); // an error that stays must not spin
+    }
+}
+
 int coap_server_find_socket(uint16_t port)
 {
     for (int descriptor = 0; descriptor < MAX_DESCRIPTORS; ++descriptor) {
@@ -221,7 +256,9 @@ int coap_server_run()
     for (const ServedResource &served : SERVED_RESOURCES) {
         add_resource(context, served);
     }
-    join_multicast_group();
+    const int descriptor = coap_server_find_socket(LAN_COAP_PORT);
+    coap_server_filter_socket(descriptor);
+    join_multicast_group(descriptor);
     serve(context);
     coap_free_context(context);
     return 0;
