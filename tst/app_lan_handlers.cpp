@@ -254,6 +254,8 @@ int lan_handle_fw_install(const coap_address_t *from, const uint8_t *payload, ui
         vos_trace_error(MODULE, __LINE__, "Malformed fw install ind msg");
         return -1;
     }
+    LanReader reader{payload, length};
+    const uint8_t result = lan_read_u8(&reader);
     char name[sizeof ModemEntry::fw_name];
     uint32_t serial = 0;
     {
@@ -268,7 +270,7 @@ int lan_handle_fw_install(const coap_address_t *from, const uint8_t *payload, ui
         remove_placed_firmware(slot);
     }
     vos_trace_debug(MODULE, __LINE__, "Firmware install (name:%s) of modem %x is %s ", name, serial,
-                    payload[0] == FW_INSTALLED ? "OK" : "KO");
+                    result == FW_INSTALLED ? "OK" : "KO");
     return 1;
 }
 

@@ -1,6 +1,7 @@
 #include <fstream>
 #include <numeric>
 
+#include "../private_mounts.h"
 #include "app_lan_state.h"
 #include "support.h"
 #include "vos_mem.h"
@@ -121,6 +122,19 @@ TEST(Lan, AnInstallationRemovesItsOwnFileOnce)
     std::ofstream("1") << "new";
     EXPECT_EQ(handle(lan_handle_fw_install, 1, {0}), installed + "KO |");
     EXPECT_EQ(content_of("1"), "new");
+}
+
+TEST(Lan, FirmwareForAnUnknownModemIsRemovedAgain)
+{
+    if (!make_mounts_private() || mount("tmpfs", "/var", "tmpfs", 0, nullptr) != 0) {
+        ASSERT_EQ(getenv("CI"), nullptr);
+        GTEST_SKIP() << "no mount namespace to be had";
+    }
+    std::ofstream("/var/fw") << "firmware";
+    EXPECT_EQ(lines_of([] { EXPECT_EQ(lan_fw_upgrade(9, "/var/fw", "name"), -1); }),
+              "DEBUG:app_lan:Request fw upgrade of Modem 9 (/var/fw)|"
+              "ERROR:app_lan:No Modem 9 for fw upgrade(9), name:name|");
+    EXPECT_EQ(content_of("/var/fw") + content_of("/var/ftp/9"), "--");
 }
 
 TEST(Lan, AMessageThatFindsNoMemoryIsNotTaken)
