@@ -43,6 +43,12 @@ struct Firmware : Files {
     {
         return "DEBUG:app_lan:Request fw upgrade of Modem a1b2c3 (" + path + ")\n";
     }
+    static std::string copy_lines(const std::string &path)
+    {
+        return "DEBUG:vos_fs:Can't move file from \"" + path + "\" to \"" + PLACED +
+               "\" : Invalid cross-device link\nDEBUG:vos_fs:Copying file \"" + path + "\" to \"" +
+               PLACED + "\"\n";
+    }
     // Runs the upgrade until the modem has accepted it.
     static void announce(Process &tool, Peer &modem, const std::string &path,
                          const std::string &moving, std::size_t size)
@@ -66,11 +72,7 @@ TEST_F(Firmware, IsCopiedToAnotherFileSystemAndRemovedOnceInstalled)
     std::ofstream(path) << firmware;
     Peer modem, stranger(2);
     Process tool("-c 3 -u fw.bin");
-    announce(tool, modem, path,
-             "DEBUG:vos_fs:Can't move file from \"" + path + "\" to \"" + PLACED +
-                 "\" : Invalid cross-device link\nDEBUG:vos_fs:Copying file \"" + path +
-                 "\" to \"" + PLACED + "\"\n",
-             firmware.size());
+    announce(tool, modem, path, copy_lines(path), firmware.size());
     EXPECT_TRUE(content_of(PLACED) == firmware);
     EXPECT_FALSE(fs::exists(path));
     stranger.report("firmware_install_ind", "\1");
@@ -114,9 +116,8 @@ TEST_F(Firmware, ThatCanNotBePlacedIsNotAnnounced)
          "Empty firmware for upgrade(/tmp), name:manual", "", "/tmp"},
         {"/tmp/pipe", 0, "", "Empty firmware for upgrade(/tmp/pipe), name:manual", "", "/tmp/pipe"},
         {"/tmp/fw", 2'000'000,
-         "DEBUG:vos_fs:Can't move file from \"/tmp/fw\" to \"/var/ftp/a1b2c3\" : Invalid "
-         "cross-device link\nDEBUG:vos_fs:Copying file \"/tmp/fw\" to \"/var/ftp/a1b2c3\"\n"
-         "ERROR:vos_fs:Can't write dest file \"/var/ftp/a1b2c3\" : No space left on device\n",
+         copy_lines("/tmp/fw") +
+             "ERROR:vos_fs:Can't write dest file \"/var/ftp/a1b2c3\" : No space left on device\n",
          "Can not move fw file /tmp/fw to /var/ftp/a1b2c3"},
         {"/tmp/fw", 10, "ERROR:vos_fs:Can't change directory \"ftp\" : Not a directory\n",
          "Can not move fw file /tmp/fw to /var/ftp/a1b2c3", "/var/ftp", "/var/ftp"},

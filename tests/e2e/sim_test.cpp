@@ -39,11 +39,5 @@ TEST(Simulator, ReportsFramesOnceStarted)
     run_tool("-r 16", std::vector<std::string>(50, "] on modem [a1b2c3]\n"));
 }
 
-TEST(Simulator, SeparateAnswerEndsTheExchangeWithoutResult)
-{
-    Process modem(options("--rate 0 --fault separate"), SIMULATOR);
-    modem.ignore_rest();
-    run_tool("-g 101", {"COAP RES:0.00\n"});
-}
 } // namespace
 } // namespace e2e

@@ -104,26 +104,6 @@ TEST(Lan, StatisticsAreStoredByTheirOffsets)
     }
 }
 
-TEST(Lan, AnInstallationRemovesItsOwnFileOnce)
-{
-    const Scratch scratch;
-    for (const unsigned number : {1U, 2U}) {
-        handle(lan_handle_info, number, unhex(info_of(number) + "01"));
-        lan_state.table[5 - number].fw_file_name[0] = number == 1 ? '1' : '2';
-        std::ofstream(std::to_string(number)) << number;
-    }
-    const std::string installed = "DEBUG:app_lan:Firmware install (name:) of modem 1 is ";
-    EXPECT_EQ(handle(lan_handle_fw_install, 1, {}), "-ERROR:app_lan:Malformed fw install ind msg|");
-    EXPECT_EQ(handle(lan_handle_fw_install, 9, {1}),
-              "-ERROR:app_lan:Firmware install of an unknown modem|");
-    EXPECT_EQ(content_of("1") + content_of("2"), "12");
-    EXPECT_EQ(handle(lan_handle_fw_install, 1, {1, 0}), installed + "OK |");
-    EXPECT_EQ(content_of("1") + content_of("2"), "-2");
-    std::ofstream("1") << "new";
-    EXPECT_EQ(handle(lan_handle_fw_install, 1, {0}), installed + "KO |");
-    EXPECT_EQ(content_of("1"), "new");
-}
-
 TEST(Lan, FirmwareForAnUnknownModemIsRemovedAgain)
 {
     if (!make_mounts_private() || mount("tmpfs", "/var", "tmpfs", 0, nullptr) != 0) {

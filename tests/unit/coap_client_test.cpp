@@ -72,8 +72,6 @@ TEST_F(Client, RequestsAreExact)
     const std::string ext_payload = "343332317473727114131211444342412221C2C10300A2A1"
                                     "0809060E050B0D01AAAABBCC";
     const Table<std::function<void()>, LanRequest, std::string> rows = {
-        {[] { lan_command(4, 0x1FE); }, LAN_COMMAND_REQ, "FE"},
-        {[&] { lan_rx_mode_config(4, abc, 3); }, LAN_RX_MODE_CONFIG_REQ, "AABBCC"},
         {[&] { lan_rx_mode_off(modem); }, LAN_RX_MODE_CONFIG_REQ, std::string(28, '0')},
         {[&] { lan_tx_frame(4, 1, 2, 16, 2, 0, 27, abc, 1); }, LAN_TX_MSG_REQ,
          "01000000020001001002001BAA"},
