@@ -311,7 +311,6 @@ void send_and_wait(coap_context_t *context, coap_session_t *session, coap_pdu_t 
         coap_log(LOG_DEBUG, "sending CoAP request:\n");
         coap_show_pdu(LOG_DEBUG, pdu);
     }
-
     const uint16_t port = coap_address_get_port(coap_session_get_addr_local(session));
     const int descriptor = coap_server_find_socket(port);
     if (descriptor < 0) {
@@ -323,6 +322,28 @@ void send_and_wait(coap_context_t *context, coap_session_t *session, coap_pdu_t 
     if (coap_send(session, pdu) != COAP_INVALID_MID) {
         wait_for_exchange(context, descriptor);
     }
+}
+
+// False when memory is out and nothing was tried. Without a session there is no way to the modem's
+// address: the exchange has ended before it began.
+bool run_exchange(coap_context_t *context, const coap_address_t *remote, uint16_t port,
+                  const LanRequest &request, const uint8_t *payload, uint16_t payload_length)
+{
+    coap_address_t local;
+    coap_address_init(&local);
+    local.size = sizeof local.addr.sin;
+    local.addr.sin.sin_family = AF_INET;
+    coap_session_t *session = coap_new_client_session(context, &local, remote, COAP_PROTO_UDP);
+    if (session == nullptr) {
+        return true;
+    }
+    coap_session_set_mtu(session, COAP_MAX_MESSAGE_SIZE);
+    coap_pdu_t *pdu = build_pdu(session, port, request, payload, payload_length);
+    if (pdu == nullptr) {
+        return false;
+    }
+    send_and_wait(context, session, pdu);
+    return true;
 }
 
 } // namespace
@@ -341,23 +362,7 @@ uint32_t coap_client_send_request(const coap_address_t *destination, uint16_t po
     uint32_t last_code = 0;
     coap_set_app_data(context, &last_code);
     coap_register_response_handler(context, coap_client_response_handler);
-
-    coap_address_t local;
-    coap_address_init(&local);
-    local.size = sizeof local.addr.sin;
-    local.addr.sin.sin_family = AF_INET;
-    coap_session_t *session = coap_new_client_session(context, &local, &remote, COAP_PROTO_UDP);
-    // Without a session there is no way to the modem's address: nothing can be sent.
-    bool traced = session == nullptr;
-    if (session != nullptr) {
-        coap_session_set_mtu(session, COAP_MAX_MESSAGE_SIZE);
-        coap_pdu_t *pdu = build_pdu(session, port, request, payload, payload_length);
-        if (pdu != nullptr) {
-            send_and_wait(context, session, pdu);
-            traced = true;
-        }
-    }
-    if (traced) {
+    if (run_exchange(context, &remote, port, request, payload, payload_length)) {
         vos_trace_debug(MODULE, __LINE__, "COAP RES:%d.%02d", code_class(last_code),
                         code_detail(last_code));
     }
