@@ -17,9 +17,9 @@ inline bool make_mounts_private()
     const int root = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
     const int here = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
     const int self = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
-    const bool made = setns(self, CLONE_NEWNS) == 0 &&
-                      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                      fchdir(root) == 0 && chroot(".") == 0 && fchdir(here) == 0;
+    bool made = setns(self, CLONE_NEWNS) == 0;
+    made = made && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    made = fchdir(root) == 0 && chroot(".") == 0 && fchdir(here) == 0 && made;
     close(root);
     close(here);
     close(self);

@@ -112,18 +112,24 @@ void send_packets(uint32_t serial, FILE *file, uint32_t packet_size, uint32_t de
     }
 }
 
+bool is_same_file(const char *one, const char *other)
+{
+    struct stat first = {};
+    struct stat second = {};
+    return stat(one, &first) == 0 && stat(other, &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
+}
+
 // Size of the file once it is in its place: it may have changed since it was first looked at. 0,
 // with a trace, when nothing was placed.
 uint32_t place_firmware(const char *path, const char *placed, const char *name)
 {
-    struct stat before = {};
-    struct stat after = {};
-    lstat(placed, &before);
+    if (!is_same_file(path, placed)) {
+        remove_file(placed); // of an earlier upgrade of this modem: there may not be room for both
+    }
     if (vos_fs_move_file(path, placed) != VOS_FS_OK) {
         vos_trace_error(MODULE, __LINE__, "Can not move fw file %s to %s", path, placed);
-        if (lstat(placed, &after) == 0 && after.st_ino != before.st_ino) {
-            remove_file(placed); // a whole copy, but of a source that can't be removed
-        }
+        remove_file(placed); // a whole copy, but of a source that can't be removed
         return 0;
     }
     uint32_t size = 0;

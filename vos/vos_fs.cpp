@@ -119,12 +119,33 @@ void sync_current_directory()
     }
 }
 
+bool is_directory(FILE *stream)
+{
+    struct stat status = {};
+    return fstat(fileno(stream), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool same_file(FILE *stream, const char *path)
+{
+    struct stat one = {};
+    struct stat other = {};
+    return fstat(fileno(stream), &one) == 0 && stat(path, &other) == 0 &&
+           one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 // A new file, also where one of that name was left behind or a link was laid.
 FILE *create_file(const char *path)
 {
     unlink(path);
     const int descriptor = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE);
-    return descriptor >= 0 ? fdopen(descriptor, "wb") : nullptr;
+    FILE *stream = descriptor >= 0 ? fdopen(descriptor, "wb") : nullptr;
+    if (stream == nullptr && descriptor >= 0) {
+        const int error = errno;
+        close(descriptor);
+        unlink(path);
+        errno = error;
+    }
+    return stream;
 }
 
 // Writes the copy under the name partial first, so that the destination only ever holds a whole
@@ -132,6 +153,11 @@ FILE *create_file(const char *path)
 int copy_by_rename(FILE *from, const char *source, const char *destination, const char *partial,
                    char *buffer)
 {
+    if (same_file(from, partial)) {
+        vos_trace_error(MODULE, __LINE__, "Can't open dest file \"%s\" : %s", partial,
+                        "it is the source file");
+        return VOS_FS_FAILED;
+    }
     FILE *to = create_file(partial);
     if (to == nullptr) {
         vos_trace_error(MODULE, __LINE__, "Can't open dest file \"%s\" : %s", destination,
@@ -170,7 +196,7 @@ int copy_to_special(FILE *from, const char *source, const char *destination, cha
 bool is_special(const char *path)
 {
     struct stat status = {};
-    return lstat(path, &status) == 0 && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode);
+    return stat(path, &status) == 0 && !S_ISREG(status.st_mode);
 }
 
 int copy_stream(FILE *from, const char *source, const char *destination)
@@ -189,20 +215,6 @@ int copy_stream(FILE *from, const char *source, const char *destination)
     vos_mem_free(&partial);
     vos_mem_free(&buffer);
     return result;
-}
-
-bool is_directory(FILE *stream)
-{
-    struct stat status = {};
-    return fstat(fileno(stream), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
-bool same_file(FILE *stream, const char *path)
-{
-    struct stat one = {};
-    struct stat other = {};
-    return fstat(fileno(stream), &one) == 0 && stat(path, &other) == 0 &&
-           one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 int rel_file(const char *source_directory, const char *name, const char *destination_directory,

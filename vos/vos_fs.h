@@ -66,8 +66,9 @@ int vos_fs_enter_dir(const char *path);
 // source is looked up there.
 
 // Copies a file; the destination gets the mode of a new file. The copy is made under the name with
-// ".part" behind it and then takes the destination's place: after a failure, a full disk say, the
-// destination is what it was before. The bytes are on the disk when it returns 1.
+// ".part" behind it and then takes the place of the destination, or of a link there: after a
+// failure, a full disk say, the destination is what it was before. A device or pipe is written to.
+// The bytes are on the disk when it returns 1.
 int vos_fs_copy_file(const char *source, const char *destination);
 
 // Renames a file, or, to another file system, copies it and removes the source. When only that

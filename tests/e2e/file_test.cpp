@@ -68,8 +68,10 @@ struct Firmware : Files {
 
 TEST_F(Firmware, IsCopiedToAnotherFileSystemAndRemovedOnceInstalled)
 {
-    const std::string path = directory + "/fw.bin", firmware(30'000, 'f');
+    const std::string path = directory + "/fw.bin", firmware(600'000, 'f');
     std::ofstream(path) << firmware;
+    fs::create_directory("/var/ftp");
+    std::ofstream(PLACED) << firmware; // left by an earlier run; there is no room for both
     Peer modem, stranger(2);
     Process tool("-c 3 -u fw.bin");
     announce(tool, modem, path, copy_lines(path), firmware.size());
@@ -97,6 +99,22 @@ TEST_F(Firmware, IsRenamedOnOneFileSystemAndRemovedWhenItFails)
         tool.expect("DEBUG:app_lan:Firmware install (name:manual) of modem a1b2c3 is KO \n");
         EXPECT_FALSE(fs::exists(PLACED));
     }
+}
+
+TEST_F(Firmware, ThatCanNotBeMovedAwayIsNotLeftBehind)
+{
+    fs::create_directory("ro");
+    ASSERT_EQ(mount("tmpfs", "ro", "tmpfs", 0, nullptr), 0);
+    std::ofstream("ro/fw") << "firmware";
+    ASSERT_EQ(mount(nullptr, "ro", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    Peer modem;
+    Process tool("-u ro/fw");
+    tool.ignore_rest();
+    tool.register_modem(modem);
+    tool.skip_to("ERROR:app_lan:Can not move fw file " + directory + "/ro/fw to " + PLACED + "\n");
+    tool.skip_to("ERROR:app_lan:Can't remove file");
+    EXPECT_FALSE(fs::exists(PLACED));
+    EXPECT_EQ(content_of("ro/fw"), "firmware");
 }
 
 TEST_F(Firmware, ThatCanNotBePlacedIsNotAnnounced)
