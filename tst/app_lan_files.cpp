@@ -30,8 +30,8 @@ constexpr uint8_t PACKET_POWER = 27;
 constexpr uint32_t MAX_PACKET_SIZE =
     COAP_MAX_MESSAGE_SIZE - 4 - (1 + LAN_TX_MSG_REQ.name_length) - 1 - LAN_TX_HEADER_SIZE;
 
-// The file of an upgrade that can't be done. It may be gone already; a device or a pipe named by
-// mistake stays.
+// The file of an upgrade that can't be done, or the one that an earlier upgrade left. It may be gone
+// already; a device or a pipe named by mistake stays.
 void remove_file(const char *path)
 {
     struct stat status = {};
@@ -112,19 +112,11 @@ void send_packets(uint32_t serial, FILE *file, uint32_t packet_size, uint32_t de
     }
 }
 
-bool is_same_file(const char *one, const char *other)
-{
-    struct stat first = {};
-    struct stat second = {};
-    return stat(one, &first) == 0 && stat(other, &second) == 0 && first.st_dev == second.st_dev &&
-           first.st_ino == second.st_ino;
-}
-
 // Size of the file once it is in its place: it may have changed since it was first looked at. 0,
 // with a trace, when nothing was placed.
 uint32_t place_firmware(const char *path, const char *placed, const char *name)
 {
-    if (!is_same_file(path, placed)) {
+    if (!vos_fs_is_same_file(path, placed)) {
         remove_file(placed); // of an earlier upgrade of this modem: there may not be room for both
     }
     if (vos_fs_move_file(path, placed) != VOS_FS_OK) {

@@ -18,7 +18,6 @@ namespace
 {
 
 constexpr char MODULE[] = "coap_client";
-constexpr uint16_t DEFAULT_PORT = 5683;
 constexpr size_t URI_PATH_ROOM = 40;
 constexpr size_t MESSAGE_HEADER_SIZE = 4; // not counted in the size of a PDU
 constexpr int64_t WAIT_MS = 20'000;
@@ -128,7 +127,7 @@ coap_pdu_t *build_pdu(coap_session_t *session, uint16_t port, const LanRequest &
                       const uint8_t *payload, uint16_t payload_length)
 {
     CoapOption *options = nullptr;
-    bool complete = (port == DEFAULT_PORT || insert_port_option(&options, port)) &&
+    bool complete = (port == COAP_DEFAULT_PORT || insert_port_option(&options, port)) &&
                     (request.name_length == 0 || insert_path_options(&options, request));
     const auto type = static_cast<coap_pdu_type_t>(request.method >> 8 & 3);
     const auto code = static_cast<coap_pdu_code_t>(request.method & 0xFF);

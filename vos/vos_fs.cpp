@@ -125,14 +125,6 @@ bool is_directory(FILE *stream)
     return fstat(fileno(stream), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-bool same_file(FILE *stream, const char *path)
-{
-    struct stat one = {};
-    struct stat other = {};
-    return fstat(fileno(stream), &one) == 0 && stat(path, &other) == 0 &&
-           one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
 // A new file, also where one of that name was left behind or a link was laid.
 FILE *create_file(const char *path)
 {
@@ -153,7 +145,7 @@ FILE *create_file(const char *path)
 int copy_by_rename(FILE *from, const char *source, const char *destination, const char *partial,
                    char *buffer)
 {
-    if (same_file(from, partial)) {
+    if (vos_fs_is_same_file(source, partial)) {
         vos_trace_error(MODULE, __LINE__, "Can't open dest file \"%s\" : %s", partial,
                         "it is the source file");
         return VOS_FS_FAILED;
@@ -407,7 +399,7 @@ int vos_fs_copy_file(const char *source, const char *destination)
         vos_trace_error(MODULE, __LINE__, "Can't open source file \"%s\" : %s", source,
                         strerror(EISDIR));
         result = VOS_FS_FAILED;
-    } else if (same_file(from, destination)) {
+    } else if (vos_fs_is_same_file(source, destination)) {
         vos_trace_error(MODULE, __LINE__, "Can't open dest file \"%s\" : %s", destination,
                         "it is the source file");
         result = VOS_FS_FAILED;
@@ -454,6 +446,14 @@ int vos_fs_copy_rel_file(const char *source_directory, const char *name,
                          const char *destination_directory)
 {
     return rel_file(source_directory, name, destination_directory, vos_fs_copy_file);
+}
+
+bool vos_fs_is_same_file(const char *one, const char *other)
+{
+    struct stat first = {};
+    struct stat second = {};
+    return stat(one, &first) == 0 && stat(other, &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
 }
 
 int vos_fs_remove(const char *path)

@@ -52,6 +52,9 @@ int vos_fs_get_file_stats(const char *directory, const char *file_name, uint32_t
 // Size in bytes of a file that is no directory; one of 4 GiB and more is a failure.
 int vos_fs_get_file_size(const char *path, uint32_t *size);
 
+// True when both paths lead to one file, by a link or by another spelling, say.
+bool vos_fs_is_same_file(const char *one, const char *other);
+
 // Walking.
 
 // Enters the directories of a relative path, component by component. With file_name the last
