@@ -141,6 +141,7 @@ VosTask *vos_task_create(VosTaskEntry entry, uint32_t /*priority*/, const char *
     if (error != 0) {
         printf("Can't create thread %d, %s\n", error, strerror(error));
         fflush(stdout);
+        task->thread = pthread_t{};
     }
     pthread_mutex_unlock(&task->mutex);
     pthread_attr_destroy(&attributes);

@@ -20,7 +20,7 @@ constexpr uint32_t VOS_THREAD_STACK_SIZE = 262144; // bytes
 struct VosTask {
     VosTaskEntry entry;
     uintptr_t argument;
-    pthread_t thread;
+    pthread_t thread;      // pthread_t{} when it could not be started
     pthread_mutex_t mutex; // guards the mailbox; holds the new thread back until it is stored
     pthread_cond_t condition;
     VosQueue *messages; // oldest first

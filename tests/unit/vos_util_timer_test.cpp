@@ -1,0 +1,137 @@
+#include "vos_util_timer.h"
+
+#include <bit>
+#include <thread>
+
+#include "support.h"
+#include "vos_mem.h"
+#include "vos_task_linux.h"
+#include "vos_util_linux.h"
+
+namespace
+{
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+struct Expiries {
+    VosTimer timer{};
+    std::atomic<int> count{0};
+    int stop_at = -1;                      // the callback that ends the timer
+    milliseconds busy{0};                  // what a callback takes
+    std::atomic<Clock::duration> inside{}; // of all callbacks
+    ~Expiries()
+    {
+        EXPECT_TRUE(wait_until([this] { return timer == nullptr && vos_task_count() == 1; }));
+    }
+    uintptr_t argument() { return std::bit_cast<uintptr_t>(this); }
+};
+
+void on_expiry(uintptr_t argument)
+{
+    const auto start = Clock::now();
+    auto *self = std::bit_cast<Expiries *>(argument);
+    std::this_thread::sleep_for(self->busy);
+    if (++self->count == self->stop_at) {
+        EXPECT_EQ(vos_util_stop_timer(&self->timer), 1);
+    }
+    self->inside = self->inside.load() + (Clock::now() - start);
+}
+
+TEST(Timer, PeriodsFollowOneAnotherWithTheCallbackBetween)
+{
+    Expiries e;
+    const auto start = Clock::now();
+    e.stop_at = 1000;
+    e.busy = milliseconds(2);
+    EXPECT_EQ(vos_util_start_timer(&e.timer, 1, 1, on_expiry, e.argument()), 1);
+    while (e.timer != nullptr) {
+        std::this_thread::sleep_for(milliseconds(5));
+    }
+    const auto drift = Clock::now() - start - e.inside.load() - 1000 * milliseconds(20);
+    EXPECT_EQ(e.count, 1000);
+    EXPECT_GE(drift, milliseconds(-2)) << "deadlines are cut to microseconds";
+    EXPECT_LE(drift, milliseconds(5000)) << "a wake-up costs less than 5 ms on the busiest machine";
+    RecordProperty("drift_ms", std::to_string(drift / milliseconds(1)));
+}
+
+TEST(Timer, CommandsTakeEffectInTheirOrder)
+{
+    Expiries e;
+    EXPECT_EQ(vos_util_start_timer(&e.timer, 0, 2, on_expiry, e.argument()), 1);
+    EXPECT_EQ(vos_util_start_timer(&e.timer, 0, 1, on_expiry, e.argument()), 0)
+        << "it runs already";
+    EXPECT_TRUE(wait_until([&e] { return e.count == 1; }));
+    vos_util_sleep(5);
+    EXPECT_EQ(e.count, 1) << "once only";
+    EXPECT_EQ(vos_util_restart_timer(&e.timer), 1);
+    EXPECT_TRUE(wait_until([&e] { return e.count == 2; }));
+    e.busy = milliseconds(100);
+    EXPECT_EQ(vos_util_restart_timer(&e.timer), 1);
+    vos_util_sleep(4); // inside the callback now: it is armed again right behind it
+    EXPECT_EQ(vos_util_restart_timer(&e.timer), 1);
+    EXPECT_TRUE(wait_until([&e] { return e.count == 4; }));
+    e.busy = milliseconds(0);
+    EXPECT_EQ(vos_util_change_timer(&e.timer, 1, 1, on_expiry, e.argument()), 1);
+    EXPECT_TRUE(wait_until([&e] { return e.count >= 7; }));
+    EXPECT_EQ(vos_util_suspend_timer(&e.timer), 1);
+    vos_util_sleep(5);
+    const int suspended = e.count;
+    vos_util_sleep(5);
+    EXPECT_EQ(e.count, suspended);
+    EXPECT_EQ(vos_util_change_timer(&e.timer, 0, 0, on_expiry, e.argument()), 1);
+    vos_util_sleep(5);
+    EXPECT_EQ(e.count, suspended) << "a period of 0 never ends";
+    EXPECT_EQ(vos_util_change_timer(&e.timer, 0, 1, nullptr, 0), 1);
+    EXPECT_EQ(vos_util_stop_timer(&e.timer), 1);
+}
+
+TEST(Timer, ReportsWhatItRefusesAndWhatItCannotRead)
+{
+    EXPECT_EQ(lines_of([] {
+                  VosTimer timer{};
+                  EXPECT_EQ(vos_util_stop_timer(&timer), 0);
+                  fail_allocation = 1;
+                  EXPECT_EQ(vos_util_start_timer(&timer, 0, 1, nullptr, 0), 0);
+              }),
+              "DEBUG:vos_util:vos_util_stop_timer already stopped|"
+              "DEBUG:vos_util:vos_util_start_timer refused|");
+    const std::string lines = lines_of([] {
+        Expiries e;
+        EXPECT_EQ(vos_util_start_timer(&e.timer, 1, 5, on_expiry, e.argument()), 1);
+        uint32_t *unknown = nullptr;
+        vos_mem_alloc(&unknown, sizeof *unknown);
+        *unknown = 9;
+        void *message = nullptr;
+        EXPECT_EQ(vos_mbx_send(e.timer, &message), 1);
+        message = unknown;
+        EXPECT_EQ(vos_mbx_send(e.timer, &message), 1); // leaves it idle
+        vos_util_sleep(15);
+        EXPECT_EQ(e.count, 0);
+        EXPECT_EQ(vos_util_stop_timer(&e.timer), 1);
+    });
+    EXPECT_NE(lines.find("|ERROR:vos_util:Mailbox bug||ERROR:vos_util:timer rec unknown msg 9|"),
+              std::string::npos)
+        << lines;
+}
+
+TEST(Timer, SurvivesStartsAndStopsFromManyThreads)
+{
+    static std::atomic<int> started = 0;
+    output_of([] {
+        Expiries e;
+        std::vector<std::jthread> callers;
+        for (int i = 0; i < 4; ++i) {
+            callers.emplace_back([&e] {
+                while (started < 100) {
+                    started += vos_util_start_timer(&e.timer, 1, 1, on_expiry, e.argument());
+                    vos_util_restart_timer(&e.timer);
+                    vos_util_stop_timer(&e.timer);
+                }
+            });
+        }
+        callers.clear();
+        vos_util_stop_timer(&e.timer);
+    });
+    EXPECT_EQ(vos_mem_get_nbpools(), 0U);
+}
+} // namespace
