@@ -1,4 +1,5 @@
-// Operating system services of the runtime layer: named mutexes, sleep and two waitable objects.
+// Operating system services of the runtime layer: named mutexes, sleep, two waitable objects, shell
+// commands, a search in a file and a ping.
 //
 // Waiting times are in ticks of 20 ms (50 ticks make a second).
 
@@ -90,5 +91,28 @@ void vos_event_delete(VosEventFlags **flags);
 
 // Destroys and frees the object at once and sets *flags to null; no thread may be waiting.
 void vos_event_destroy(VosEventFlags **flags);
+
+// Runs the command by the shell, with the signals' default actions, none of them blocked, and
+// without the descriptors 3 to 99, and blocks until it has ended, 100 ms at least and about
+// 120 seconds at most. A command that runs longer is reported (ERROR "abort system call:...") and
+// goes on by itself; the tenth of them in the life of the process adds "too much system call
+// failure, reset". Its status is not told. A null command does nothing. Any thread.
+void vos_util_system(const char *command);
+
+// The first line of the file that contains the text, with its line end; null when there is none, or
+// no such file, or an argument is null. The caller frees it with free, not with vos_mem_free.
+// Blocks on the file.
+char *vos_util_find_in_file(const char *path, const char *text);
+
+constexpr int VOS_PING_ANSWERED = 1;
+constexpr int VOS_PING_FAILED = -1;
+constexpr int VOS_PING_TIMEOUT = -5;
+
+// Sends one ICMP echo request to a dotted-decimal IPv4 address and blocks until the first ICMP
+// message arrives, at most timeout seconds. VOS_PING_ANSWERED when that is an echo reply (also one
+// to somebody else), VOS_PING_TIMEOUT when nothing came, otherwise VOS_PING_FAILED: without the
+// right to raw sockets (root, CAP_NET_RAW), without memory, another ICMP message. An address of
+// this machine fails: the first message that arrives is the request. Any thread.
+int vos_util_ping(const char *address, uint32_t timeout);
 
 #endif

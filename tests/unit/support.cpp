@@ -10,12 +10,16 @@
 
 std::atomic<int> fail_allocation{(vos_mem_init(), 0)};
 timeval fake_clock{};
+std::atomic<bool> short_sleeps{false};
+std::atomic<int> raw_socket{-1};
 
 extern "C" {
 void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
 time_t __real_time(time_t *out);
 int __real_gettimeofday(timeval *out, void *zone);
+int __real_select(int count, fd_set *in, fd_set *out, fd_set *except, timeval *limit);
+int __real_socket(int domain, int type, int protocol);
 
 void *__wrap_malloc(size_t size)
 {
@@ -35,6 +39,18 @@ time_t __wrap_time(time_t *out)
 int __wrap_gettimeofday(timeval *out, void *zone)
 {
     return fake_clock.tv_sec != 0 ? (*out = fake_clock, 0) : __real_gettimeofday(out, zone);
+}
+
+int __wrap_select(int count, fd_set *in, fd_set *out, fd_set *except, timeval *limit)
+{
+    timeval shortest{0, 10};
+    return __real_select(count, in, out, except, short_sleeps ? &shortest : limit);
+}
+
+int __wrap_socket(int domain, int type, int protocol)
+{
+    return (type & SOCK_RAW) == SOCK_RAW ? raw_socket.load()
+                                         : __real_socket(domain, type, protocol);
 }
 }
 
