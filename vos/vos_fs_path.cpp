@@ -13,7 +13,6 @@ namespace
 {
 
 constexpr const char *MODULE = VOS_FS_MODULE;
-constexpr size_t DIGITS = 4;
 
 // A zeroed string with room for both sizes, a few characters more and the NUL. Null when the sizes
 // don't fit into 32 bits together, or without memory.
@@ -40,20 +39,6 @@ char *copy_with_slashes(char *to, const char *from)
         *to++ = *from == '\\' ? '/' : *from;
     }
     return to;
-}
-
-bool can_be_read(const char *path)
-{
-    FILE *file = vos_fs_fopen(path, "rb");
-    return file != nullptr && vos_fs_fclose(&file) == VOS_FS_OK;
-}
-
-// Writes the first four hexadecimal digits of a random number, without a NUL.
-void write_random_digits(char *to)
-{
-    char digits[2 * sizeof(int) + 1];
-    snprintf(digits, sizeof digits, "%04x", static_cast<unsigned>(rand())); // NOLINT(cert-msc30-c)
-    memcpy(to, digits, DIGITS);
 }
 
 void append_extension(char *to, const char *extension)
@@ -94,6 +79,19 @@ char *vos_fs_join(const char *directory, const char *name)
         append(end, name);
     }
     return path;
+}
+
+bool vos_fs_can_be_read(const char *path)
+{
+    FILE *file = vos_fs_fopen(path, "rb");
+    return file != nullptr && vos_fs_fclose(&file) == VOS_FS_OK;
+}
+
+void vos_fs_write_unique_digits(char *to)
+{
+    char digits[2 * sizeof(int) + 1];
+    snprintf(digits, sizeof digits, "%04x", static_cast<unsigned>(rand())); // NOLINT(cert-msc30-c)
+    memcpy(to, digits, VOS_FS_UNIQUE_DIGITS);
 }
 
 char *vos_fs_build_path(const char *directory, const char *name, bool trailing_separator)
@@ -143,12 +141,12 @@ int vos_fs_make_unique_name(const char *name, const char *extension, char **resu
     }
     memcpy(candidate, name, length); // NOLINT(bugprone-not-null-terminated-result): zeroed block
     append_extension(candidate + length, extension);
-    if (randomise && can_be_read(candidate)) {
+    if (randomise && vos_fs_can_be_read(candidate)) {
         candidate[length] = '_';
-        append_extension(candidate + length + 1 + DIGITS, extension);
+        append_extension(candidate + length + 1 + VOS_FS_UNIQUE_DIGITS, extension);
         do {
-            write_random_digits(candidate + length + 1);
-        } while (can_be_read(candidate));
+            vos_fs_write_unique_digits(candidate + length + 1);
+        } while (vos_fs_can_be_read(candidate));
     }
     *result = candidate;
     return VOS_FS_OK;

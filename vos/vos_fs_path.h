@@ -1,8 +1,9 @@
-// What the parts of vos_fs share; nobody else includes this.
+// What the parts of vos_fs and the trace files share; nobody else includes this.
 
 #ifndef VOS_FS_PATH_H
 #define VOS_FS_PATH_H
 
+#include <cstddef>
 #include <cstdint>
 
 constexpr char VOS_FS_MODULE[] = "vos_fs"; // source name in the trace lines of all parts
@@ -25,5 +26,11 @@ char *vos_fs_append(const char *text, const char *suffix);
 
 // A new string: directory (not empty), one separator, name. Null without memory.
 char *vos_fs_join(const char *directory, const char *name);
+
+bool vos_fs_can_be_read(const char *path);
+
+// Writes the hexadecimal digits, drawn by rand(), that make a name unique. No NUL.
+constexpr size_t VOS_FS_UNIQUE_DIGITS = 4;
+void vos_fs_write_unique_digits(char *to);
 
 #endif

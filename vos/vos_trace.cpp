@@ -1,4 +1,4 @@
-#include "vos_trace.h"
+#include "vos_trace_file.h"
 
 #include <algorithm>
 #include <atomic>
@@ -19,12 +19,15 @@ constexpr uint32_t LEVEL_DEBUG = 2;
 constexpr size_t LINE_SIZE = 1024; // with the newline
 constexpr size_t TEXT_SIZE = LINE_SIZE - 1;
 constexpr size_t DUMP_BYTE_SIZE = 3;
+constexpr size_t PRINT_SIZE = 2500;
 
 std::atomic<uint32_t> trace_level{LEVEL_DEBUG};
+std::atomic<const VosTraceFiles *> trace_files{nullptr};
 pthread_mutex_t output_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 struct Line {
     size_t length;
+    int day; // of the month
     char text[LINE_SIZE];
 };
 
@@ -48,6 +51,7 @@ void begin_line(Line *line, const char *level)
     tm utc{};
     gmtime_r(&now, &utc);
     line->length = 0;
+    line->day = utc.tm_mday;
     advance(line,
             snprintf(line->text, LINE_SIZE, "%04d%02d%02d-%02d%02d%02d:%s:", utc.tm_year + 1900,
                      utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, level));
@@ -82,12 +86,21 @@ void write_all(const char *text, size_t length)
 
 // A terminal or an output that does not block may take a line in parts; no other line may come in
 // between.
+void write_output(const char *text, size_t length)
+{
+    pthread_mutex_lock(&output_mutex);
+    write_all(text, length);
+    pthread_mutex_unlock(&output_mutex);
+}
+
 void end_line(Line *line)
 {
     line->text[line->length] = '\n';
-    pthread_mutex_lock(&output_mutex);
-    write_all(line->text, line->length + 1);
-    pthread_mutex_unlock(&output_mutex);
+    const VosTraceFiles *files = trace_files.load(std::memory_order_acquire);
+    if (files != nullptr) {
+        files->write_line(line->text, line->length + 1, line->day);
+    }
+    write_output(line->text, line->length + 1);
 }
 
 VOS_PRINTF_LIKE(2, 0)
@@ -107,6 +120,10 @@ void vos_trace_fatal(const char *source, int line, const char *format, ...)
     va_start(arguments, format);
     write_message(&built, format, arguments);
     va_end(arguments);
+    const VosTraceFiles *files = trace_files.load(std::memory_order_acquire);
+    if (files != nullptr) {
+        files->close();
+    }
     exit(EXIT_FAILURE);
 }
 
@@ -176,6 +193,23 @@ void vos_trace_dump(const char *source, int line, const void *data, uint32_t len
         }
         end_line(&built);
     } while (length > 0);
+}
+
+void vos_trace_set_files(const VosTraceFiles *files)
+{
+    trace_files.store(files, std::memory_order_release);
+}
+
+void vos_trace_print(const char *format, ...)
+{
+    char text[PRINT_SIZE];
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    if (length > 0) {
+        write_output(text, std::min(static_cast<size_t>(length), sizeof text - 1));
+    }
 }
 
 void vos_trace_set_level(uint32_t level)

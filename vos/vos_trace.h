@@ -1,4 +1,4 @@
-// Trace lines: one event, one line on standard output.
+// Trace lines: one event, one line on standard output, and in a file where one is asked for.
 //
 //   20261122-204128:ERROR:app_lan:212:Malformed info msg
 //   20261122-204128:INFO:Modem INFO :protocol:1, ...
@@ -22,7 +22,7 @@
 
 #define VOS_PRINTF_LIKE(text, first) __attribute__((format(printf, text, first)))
 
-// Writes the line, then ends the process with exit status 1.
+// Writes the line, closes the trace file, and ends the process with exit status 1.
 [[noreturn]] void vos_trace_fatal(const char *source, int line, const char *format, ...)
     VOS_PRINTF_LIKE(3, 4);
 
@@ -44,5 +44,54 @@ void vos_trace_dump(const char *source, int line, const void *data, uint32_t len
 // Sets what is written: 0 FATAL, ERROR and WARNING; 1 also INFO; 2 or more everything. The level
 // is 2 when the process starts. Takes effect at once in all threads.
 void vos_trace_set_level(uint32_t level);
+
+// Trace files. After vos_trace_init every line is also written to a file, before it goes to
+// standard output, and is in the file when the call returns; the calls that trace then block on the
+// file system, too. Files are kept in one of two ways:
+//
+//   by size   (file count N > 0) DIRECTORY/BASE-YYYYMMDD-hhmmss, named by the UTC time of its
+//             opening, with _xxxx of hexadecimal digits behind it where such a file is there
+//             already. A line that brings the file to the file size or past it is its last one.
+//             Opening a file deletes the oldest files whose names begin with BASE until it is the
+//             Nth; so keep nothing else of that name there.
+//   by day    (file count 0) DIRECTORY/BASE.txt, emptied when it is opened. The first line whose
+//   day
+//             of the month (UTC) is another renames it BASE-YYYYMMDD.txt by the date of its
+//             opening, replacing a file of that name, and begins a new one.
+//
+// A file that can't be opened is reported on standard output ("trace file open error : REASON") and
+// ends the trace files until the next vos_trace_init. A line that can't be stored (a full disk) is
+// left out of the file, never cut; the first one of a file is reported ("trace file write error :
+// REASON"). A daily file that can't be renamed is reported and lost. Standard output has every
+// line.
+
+// Sets the trace directory, ROOT/SUBDIR, which is created when ROOT is there (its parents are not),
+// and the base name, 1 to 32 characters ("traceagent" until set; any other text or null leaves it).
+// Without such a root, or with a null name, or without memory, things are left as they are; it then
+// says "trace path invalid, use stdout" unless there are trace files already. The names are copied.
+// The first line opens the file. Call it before other threads use the calls below; lines may be
+// traced meanwhile. Called again, it goes on in the new directory.
+void vos_trace_init(const char *root, const char *subdir, const char *base_name);
+
+// Number of files kept, 10 until set; 0: by day. To be set before vos_trace_init.
+void vos_trace_set_file_count(uint32_t count);
+
+// Bytes that end a file, 100000 until set; looked at with every line. Not used by day.
+void vos_trace_set_file_size(uint32_t size);
+
+// Hands what is buffered to the system: nothing is, a line is stored when its call returns.
+void vos_trace_flush();
+
+// Closes the file and ends the trace files, until the next vos_trace_init.
+void vos_trace_close();
+
+// Closes the file (by day: renames it as at midnight) and opens the next one.
+void vos_trace_new_file();
+
+// The trace directory while there are trace files, and the names given to vos_trace_init, each with
+// a '/' at its end; null without. The texts live until the next vos_trace_init.
+const char *vos_trace_get_dir();
+const char *vos_trace_get_root();
+const char *vos_trace_get_subdir();
 
 #endif
