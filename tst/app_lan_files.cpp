@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,8 +35,9 @@ constexpr uint32_t MAX_PACKET_SIZE =
 // already; a device or a pipe named by mistake stays.
 void remove_file(const char *path)
 {
-    struct stat status = {};
-    if (lstat(path, &status) != 0 || !(S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))) {
+    struct statx status = {};
+    if (statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) != 0 ||
+        !(S_ISREG(status.stx_mode) || S_ISLNK(status.stx_mode))) {
         return;
     }
     if (unlink(path) != 0) {

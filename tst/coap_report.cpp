@@ -44,9 +44,9 @@ void report(coap_log_t level, const char *message)
 
 void coap_report_start()
 {
-    struct stat status = {};
-    if (fstat(STDERR_FILENO, &status) == 0 &&
-        (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))) {
+    struct statx status = {};
+    if (statx(STDERR_FILENO, "", AT_EMPTY_PATH, STATX_TYPE, &status) == 0 &&
+        (S_ISFIFO(status.stx_mode) || S_ISCHR(status.stx_mode))) {
         const int reopened = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
         if (reopened >= 0) {
             report_descriptor = reopened;

@@ -119,10 +119,16 @@ void sync_current_directory()
     }
 }
 
-bool is_directory(FILE *stream)
+// Where time_t has 32 bits, stat refuses a file with a time after January 2038; this does not.
+bool look_at(const char *path, struct statx *status)
 {
-    struct stat status = {};
-    return fstat(fileno(stream), &status) == 0 && S_ISDIR(status.st_mode);
+    return statx(AT_FDCWD, path, 0, STATX_BASIC_STATS, status) == 0;
+}
+
+bool is_directory(const char *path)
+{
+    struct statx status = {};
+    return look_at(path, &status) && S_ISDIR(status.stx_mode);
 }
 
 // A new file, also where one of that name was left behind or a link was laid.
@@ -187,8 +193,8 @@ int copy_to_special(FILE *from, const char *source, const char *destination, cha
 
 bool is_special(const char *path)
 {
-    struct stat status = {};
-    return stat(path, &status) == 0 && !S_ISREG(status.st_mode);
+    struct statx status = {};
+    return look_at(path, &status) && !S_ISREG(status.stx_mode);
 }
 
 int copy_stream(FILE *from, const char *source, const char *destination)
@@ -287,18 +293,18 @@ int vos_fs_get_file_stats(const char *directory, const char *file_name, uint32_t
         return VOS_FS_FAILED;
     }
     char *path = vos_fs_build_path(directory, file_name, false);
-    struct stat status = {};
-    if (path == nullptr || stat(path, &status) != 0) {
+    struct statx status = {};
+    if (path == nullptr || !look_at(path, &status)) {
         vos_trace_error(MODULE, __LINE__, "Can't obtain file stats for file \"%s\" : %s",
                         path != nullptr ? path : file_name, strerror(errno));
         vos_mem_free(&path);
         return VOS_FS_FAILED;
     }
     vos_mem_free(&path);
-    *type = S_ISDIR(status.st_mode) ? VOS_FS_TYPE_DIRECTORY : VOS_FS_TYPE_FILE;
-    *size = static_cast<uint32_t>(status.st_size);
-    *permissions = status.st_mode & PERMISSION_BITS;
-    *modified = static_cast<uint32_t>(status.st_mtime);
+    *type = S_ISDIR(status.stx_mode) ? VOS_FS_TYPE_DIRECTORY : VOS_FS_TYPE_FILE;
+    *size = static_cast<uint32_t>(status.stx_size);
+    *permissions = status.stx_mode & PERMISSION_BITS;
+    *modified = static_cast<uint32_t>(status.stx_mtime.tv_sec);
     return VOS_FS_OK;
 }
 
@@ -309,23 +315,32 @@ int vos_fs_get_file_size(const char *path, uint32_t *size)
         vos_trace_error(MODULE, __LINE__, "Invalid filename");
         return VOS_FS_INVALID;
     }
-    struct stat status = {};
-    if (stat(path, &status) != 0) {
+    struct statx status = {};
+    if (!look_at(path, &status)) {
         vos_trace_error(MODULE, __LINE__, "Can't obtain file stats for file \"%s\" : %s", path,
                         strerror(errno));
         return VOS_FS_FAILED;
     }
-    if (S_ISDIR(status.st_mode)) {
+    if (S_ISDIR(status.stx_mode)) {
         vos_trace_error(MODULE, __LINE__, "%s is a directory", path);
         return VOS_FS_FAILED;
     }
-    if (static_cast<uint64_t>(status.st_size) > UINT32_MAX) {
+    if (status.stx_size > UINT32_MAX) {
         vos_trace_error(MODULE, __LINE__, "Can't obtain file stats for file \"%s\" : %s", path,
                         strerror(EFBIG));
         return VOS_FS_FAILED;
     }
-    *size = static_cast<uint32_t>(status.st_size);
+    *size = static_cast<uint32_t>(status.stx_size);
     return VOS_FS_OK;
+}
+
+bool vos_fs_is_same_file(const char *one, const char *other)
+{
+    struct statx first = {};
+    struct statx second = {};
+    return look_at(one, &first) && look_at(other, &second) && first.stx_ino == second.stx_ino &&
+           first.stx_dev_major == second.stx_dev_major &&
+           first.stx_dev_minor == second.stx_dev_minor;
 }
 
 int vos_fs_enter_rel_dir(const char *path, const char **file_name)
@@ -395,7 +410,7 @@ int vos_fs_copy_file(const char *source, const char *destination)
                         strerror(errno));
         return VOS_FS_FAILED;
     }
-    if (is_directory(from)) {
+    if (is_directory(source)) {
         vos_trace_error(MODULE, __LINE__, "Can't open source file \"%s\" : %s", source,
                         strerror(EISDIR));
         result = VOS_FS_FAILED;
@@ -446,14 +461,6 @@ int vos_fs_copy_rel_file(const char *source_directory, const char *name,
                          const char *destination_directory)
 {
     return rel_file(source_directory, name, destination_directory, vos_fs_copy_file);
-}
-
-bool vos_fs_is_same_file(const char *one, const char *other)
-{
-    struct stat first = {};
-    struct stat second = {};
-    return stat(one, &first) == 0 && stat(other, &second) == 0 && first.st_dev == second.st_dev &&
-           first.st_ino == second.st_ino;
 }
 
 int vos_fs_remove(const char *path)

@@ -44,15 +44,15 @@ int vos_fs_open_file(FILE **stream, const char *directory, const char *file_name
 
 // Status. None of these changes the current directory.
 
-// Type, size in bytes (modulo 2^32), permission bits and time of last modification of
-// directory/file_name. 1 or -1.
+// Type, size in bytes (modulo 2^32), permission bits and time of last modification (seconds
+// since the epoch, modulo 2^32) of directory/file_name. 1 or -1.
 int vos_fs_get_file_stats(const char *directory, const char *file_name, uint32_t *type,
                           uint32_t *size, uint32_t *permissions, uint32_t *modified);
 
 // Size in bytes of a file that is no directory; one of 4 GiB and more is a failure.
 int vos_fs_get_file_size(const char *path, uint32_t *size);
 
-// True when both paths lead to one file, by a link or by another spelling, say.
+// Both paths lead to one file, by links or otherwise. False when one leads nowhere; not traced.
 bool vos_fs_is_same_file(const char *one, const char *other);
 
 // Walking.

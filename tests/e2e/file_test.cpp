@@ -90,6 +90,8 @@ TEST_F(Firmware, IsRenamedOnOneFileSystemAndRemovedWhenItFails)
     fs::create_directory("/var/ftp");
     std::ofstream(PLACED) << "of an earlier upgrade";
     std::ofstream("/var/fw") << "new";
+    const auto year = std::chrono::hours(24 * 365); // a time that has more than 32 bits
+    fs::last_write_time("/var/fw", fs::file_time_type::clock::now() + 20 * year);
     Peer modem;
     Process tool("-u /var/fw");
     announce(tool, modem, "/var/fw", "", 3);

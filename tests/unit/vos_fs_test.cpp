@@ -57,6 +57,7 @@ struct Fs : testing::Test {
 TEST_F(Fs, WalksCopiesAndMoves)
 {
     std::ofstream("s") << CONTENT;
+    ASSERT_EQ(system("touch -d 2045-01-01 s"), 0); // a time that has more than 32 bits
     const Row rows[] = {
         {'c', 1, "@/s", "@/a/b/t"},
         {'c', -1, "@/s", "@/s", "Can't open dest file \"@/s\" : it is the source file"},
@@ -65,6 +66,7 @@ TEST_F(Fs, WalksCopiesAndMoves)
         {'m', -1, "@/s", "x/b", "Invalid directory name \"x/\""},
         {'m', -3, "@/s", "", "Invalid filename while moving file"},
         {'m', 1, "@/s", "@/m/v"},
+        {'s', 1, "@/m/v", ""},
         {'c', 1, "v", "@/m/w"}, // looked up beside the destination
         {'s', 1, "w", ""},
         {'s', -1, "@", "", "@ is a directory"},
