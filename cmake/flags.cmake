@@ -6,6 +6,7 @@ add_library(wmbusctl_flags INTERFACE)
 target_compile_definitions(wmbusctl_flags INTERFACE _FILE_OFFSET_BITS=64)
 target_compile_options(wmbusctl_flags INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wformat=2
+  -Wcast-align$<$<CXX_COMPILER_ID:GNU>:=strict> # as on a processor that is particular about it
   $<$<BOOL:${WMBUSCTL_WERROR}>:-Werror>
   -fstack-protector-strong)
 target_link_options(wmbusctl_flags INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
