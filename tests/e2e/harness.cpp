@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -53,6 +54,13 @@ std::string without_stamp(const std::string &line)
         return line.substr(16, static_cast<std::size_t>(number - level)) + (line.c_str() + message);
     }
     return level == 16 && line.compare(16, 5, "INFO:") == 0 ? line.substr(16) : line;
+}
+
+// The program itself, or that of the same name in another folder: one for another machine, say.
+std::string file_to_run(const std::string &program)
+{
+    const char *folder = getenv("E2E_PROGRAMS");
+    return folder == nullptr ? program : folder + program.substr(program.rfind('/'));
 }
 } // namespace
 
@@ -230,6 +238,7 @@ Process::Process(const std::string &arguments, const std::string &program)
     std::vector<char *> pointers(words.size() + 1);
     std::transform(words.begin(), words.end(), pointers.begin(),
                    [](std::string &word) { return word.data(); });
+    const std::string file = file_to_run(program);
     pid_ = fork();
     must(pid_ >= 0);
     if (pid_ == 0) {
@@ -238,7 +247,7 @@ Process::Process(const std::string &arguments, const std::string &program)
         dup2(errors_, STDERR_FILENO);
         if (program != WMBUSCTL_TOOL || gateway_namespace < 0 ||
             setns(gateway_namespace, CLONE_NEWNET) == 0) {
-            execv(program.c_str(), pointers.data());
+            execv(file.c_str(), pointers.data());
         }
         _exit(127);
     }
