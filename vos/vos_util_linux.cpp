@@ -85,7 +85,8 @@ timespec vos_util_deadline(uint32_t ticks)
     const uint32_t whole = ticks / VOS_TICKS_PER_SECOND;
     timespec deadline = vos_util_deadline_ms(ticks % VOS_TICKS_PER_SECOND * VOS_MS_PER_TICK);
     constexpr int64_t LAST = std::numeric_limits<time_t>::max();
-    deadline.tv_sec = deadline.tv_sec > LAST - whole ? LAST : deadline.tv_sec + whole;
+    const int64_t seconds = deadline.tv_sec;
+    deadline.tv_sec = static_cast<time_t>(seconds < LAST - whole ? seconds + whole : LAST);
     return deadline;
 }
 
