@@ -35,7 +35,7 @@ constexpr const char *HELP =
     "                         '21 06 / 40 30 20 10 01 07'\n"
     "  --help                 print this help and exit\n"
     "\n"
-    "Broken frames and lines that are not of wmbusctl are left out and counted at the end.\n"
+    "Broken frames and stray lines are left out, and counted at the end.\n"
     "\n"
     "Examples:\n"
     "  wmbusctl -r 16 | wmbusctl-frames | jq .identification\n"
@@ -170,9 +170,9 @@ void report(const Counts &counts)
 // frame now and then, many at a time for one that is ahead.
 int run(const Options &options)
 {
-    static std::array<char, BLOCK_SIZE> block;
+    std::array<char, BLOCK_SIZE> block;
     std::string out;
-    static Parser parser([&](const Frame &frame) {
+    Parser parser([&](const Frame &frame) {
         if (matches(options.filter, frame)) {
             append_record(out, options.format, frame);
         }
