@@ -2,6 +2,7 @@
 
 #include "vos_fs_path.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -214,7 +215,7 @@ VosDir *vos_fs_open_dir(char *path)
     if (directory == nullptr) {
         return nullptr;
     }
-    *copy_with_slashes(path, path) = '\0';
+    std::replace(path, path + strlen(path), '\\', '/');
     directory->stream = opendir(path);
     if (directory->stream == nullptr) {
         vos_mem_free(&directory);

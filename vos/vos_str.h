@@ -1,5 +1,6 @@
-// Bounded copy and concatenation of NUL-terminated texts. No call keeps state or blocks; any thread
-// may call. Sizes and limits count bytes. A null text counts as an empty one.
+// Bounded copy and concatenation of NUL-terminated texts. No call keeps state; any thread may
+// call. Only a trace line waits, for the reader of standard output. Sizes and limits count bytes. A
+// null text counts as an empty one.
 
 #ifndef VOS_STR_H
 #define VOS_STR_H

@@ -17,6 +17,14 @@ constexpr int MIN_STACK_SIZE = 16384;
 
 std::atomic<uint32_t> running_threads{1}; // the main thread
 
+void destroy_task(VosTask *task)
+{
+    pthread_mutex_destroy(&task->mutex);
+    pthread_cond_destroy(&task->condition);
+    vos_queue_destroy(&task->messages);
+    vos_mem_free(&task);
+}
+
 void *run_task(void *handle)
 {
     auto *task = static_cast<VosTask *>(handle);
@@ -28,10 +36,7 @@ void *run_task(void *handle)
     task->entry(task, task->argument);
 
     vos_trace_info("End of thread=%p", handle);
-    pthread_mutex_destroy(&task->mutex);
-    pthread_cond_destroy(&task->condition);
-    vos_queue_destroy(&task->messages);
-    vos_mem_free(&task);
+    destroy_task(task);
     --running_threads;
     return nullptr;
 }
@@ -155,6 +160,14 @@ VosTask *vos_thread_create(VosTaskEntry entry, uint32_t priority, const char *na
                            uintptr_t argument)
 {
     return vos_task_create(entry, priority, name, argument, VOS_THREAD_STACK_SIZE);
+}
+
+void vos_task_drop_unstarted(VosTask **task)
+{
+    if (*task != nullptr && pthread_equal((*task)->thread, pthread_t{}) != 0) {
+        destroy_task(*task);
+        *task = nullptr;
+    }
 }
 
 uint32_t vos_task_count()

@@ -39,6 +39,11 @@ VosTask *vos_task_create(VosTaskEntry entry, uint32_t priority, const char *name
 VosTask *vos_thread_create(VosTaskEntry entry, uint32_t priority, const char *name,
                            uintptr_t argument);
 
+// Frees a task whose thread could not be started, with the messages in its mailbox, and sets *task
+// to null. Nothing for a null handle and for a task that was started, which may have ended by now:
+// to be called by whoever created the task, before its entry can return.
+void vos_task_drop_unstarted(VosTask **task);
+
 // Number of running threads, the main thread included.
 uint32_t vos_task_count();
 

@@ -54,10 +54,11 @@ void vos_trace_set_level(uint32_t level);
 //             already. A line that brings the file to the file size or past it is its last one.
 //             Opening a file deletes the oldest files whose names begin with BASE until it is the
 //             Nth; so keep nothing else of that name there.
-//   by day    (file count 0) DIRECTORY/BASE.txt, emptied when it is opened. The first line whose
-//   day
-//             of the month (UTC) is another renames it BASE-YYYYMMDD.txt by the date of its
-//             opening, replacing a file of that name, and begins a new one.
+//   by day    (file count 0) DIRECTORY/BASE.txt, emptied when it is opened: by the first line of
+//   the
+//             process, too. The first line whose day of the month (UTC) is another renames it
+//             BASE-YYYYMMDD.txt by the date of its opening and begins a new one. It replaces a
+//             file of that name, which is there when the clock was set back over midnight.
 //
 // A file that can't be opened is reported on standard output ("trace file open error : REASON") and
 // ends the trace files until the next vos_trace_init. A line that can't be stored (a full disk) is
@@ -67,10 +68,13 @@ void vos_trace_set_level(uint32_t level);
 
 // Sets the trace directory, ROOT/SUBDIR, which is created when ROOT is there (its parents are not),
 // and the base name, 1 to 32 characters ("traceagent" until set; any other text or null leaves it).
-// Without such a root, or with a null name, or without memory, things are left as they are; it then
-// says "trace path invalid, use stdout" unless there are trace files already. The names are copied.
-// The first line opens the file. Call it before other threads use the calls below; lines may be
-// traced meanwhile. Called again, it goes on in the new directory.
+// Directory and base name have room for 990 characters together; backslashes become slashes. The
+// names are copied. The first line opens the file; after a second call, too, in the new directory.
+//
+// Without such a root, or with a null name, a path too long, or no memory, the directory is left as
+// it is (not so the base name); it then says "trace path invalid, use stdout" unless there are
+// trace files already. Call it before other threads use the calls below; lines may be traced
+// meanwhile.
 void vos_trace_init(const char *root, const char *subdir, const char *base_name);
 
 // Number of files kept, 10 until set; 0: by day. To be set before vos_trace_init.

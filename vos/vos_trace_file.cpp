@@ -2,6 +2,7 @@
 
 #include "vos_trace_file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -20,8 +21,8 @@
 namespace
 {
 
-constexpr size_t PATH_ROOM = 1024; // longer paths are cut
-constexpr size_t STAMP_ROOM = 32;
+constexpr size_t PATH_ROOM = 1024;
+constexpr size_t NAME_ROOM = 32; // behind the base name, the NUL included
 constexpr uint32_t BASE_NAME_MAX = 32;
 constexpr int PURGE_SCANS_MAX = 100;
 constexpr int UNIQUE_DRAWS_MAX = 100'000; // there are fewer names to draw
@@ -44,7 +45,7 @@ struct TraceFiles {
 };
 
 struct OpenNames {
-    char file[PATH_ROOM + 1 + VOS_FS_UNIQUE_DIGITS];
+    char file[PATH_ROOM];
     char entry[PATH_ROOM];
     char oldest[PATH_ROOM];
 };
@@ -218,7 +219,8 @@ bool day_has_passed(int day)
 }
 
 // Takes back what was stored of a line that did not go into the file whole, so that the next one,
-// when there is room again, begins a line of its own.
+// when there is room again, begins a line of its own. The line counts all the same: where the trace
+// files themselves fill the disk, the next one makes room by deleting the oldest.
 void take_back(size_t stored)
 {
     const int error = errno;
@@ -236,11 +238,10 @@ void take_back(size_t stored)
 void append_line(const char *text, size_t length)
 {
     const size_t stored = fwrite(text, 1, length, files.file);
-    if (stored == length) {
-        files.written += static_cast<uint32_t>(length);
-    } else {
+    if (stored != length) {
         take_back(stored);
     }
+    files.written += std::min(static_cast<uint32_t>(length), UINT32_MAX - files.written);
 }
 
 void write_line(const char *text, size_t length, int day)
@@ -289,8 +290,10 @@ bool set_directory(const char *root, const char *subdir)
     char *directory = new_root != nullptr && new_subdir != nullptr
                           ? vos_fs_append(new_root, new_subdir)
                           : nullptr;
-    const bool complete = directory != nullptr;
+    const bool complete =
+        directory != nullptr && strlen(directory) + files.base_name_length + NAME_ROOM <= PATH_ROOM;
     if (complete) {
+        std::replace(directory, directory + strlen(directory), '\\', '/'); // as listing it does
         close_file();
         std::swap(files.root, new_root);
         std::swap(files.subdir, new_subdir);

@@ -1,6 +1,6 @@
 // Conversions, texts, dates and timers. Any thread may call; nothing but the timers keeps state,
 // and nothing blocks unless it says so. Texts end in a NUL and are bytes, not characters of a
-// locale. An output never overlaps an input.
+// locale. An output must not overlap an input.
 
 #ifndef VOS_UTIL_H
 #define VOS_UTIL_H
@@ -91,8 +91,9 @@ char *vos_util_get_field(char *output, uint32_t output_size, const char *text, i
 char *vos_util_get_field(char *output, const char *text, int32_t number);
 
 // Time. Points in time are seconds since 1970-01-01 00:00:00 UTC in 32 bits: unsigned, they reach
-// from then to 2106-02-07 06:28:15. Dates before 1970, back to 1901-12-13 20:45:52, are valid, too:
-// they give the value that read as signed is their negative number of seconds.
+// from then to 2106-02-07 06:28:15. Dates before 1970, back to 1901-12-13 20:45:52, can be parsed,
+// too: they give the value that read as signed is their negative number of seconds. What goes the
+// other way, a date written or a clock set, reads the seconds as unsigned.
 
 struct VosDate {
     uint16_t year; // in full, from 1900
@@ -109,15 +110,16 @@ uint32_t vos_util_get_time();
 // The seconds of a date text of 19 characters, YYYY-MM-DD hh:mm:ss (any characters serve as
 // separators), read in the time zone of the process or as UTC. 0, with the ERROR line "Invalid
 // date", for any other text; but 0 without a trace from the UTC variant for an empty or null one.
-// A year before 2000 gets a WARNING line.
+// A year before 2000 gets a WARNING line. Of a local hour that comes twice, when summer time ends,
+// either is meant.
 uint32_t vos_util_parse_local_date(const char *text);
 uint32_t vos_util_parse_utc_date(const char *text);
 
 // The same of a date record, read as UTC.
 uint32_t vos_util_date_to_time(const VosDate *date);
 
-// Seconds to add to the local standard time to have UTC: negative east of Greenwich. It is the
-// zone's offset of January 1970.
+// Seconds to add to local time to have UTC: negative east of Greenwich. It is the zone's offset at
+// the beginning of 1970, which is standard time in most zones, but may not be today's.
 int32_t vos_util_get_tz_offset();
 
 // Writes the seconds as YYYY-MM-DD hh:mm:ss in UTC and returns 19. output has room for 20 bytes.
@@ -146,7 +148,8 @@ uint32_t vos_util_isqrt(uint32_t value);
 // effect in the order in which they were given, after a callback that is running. The calls don't
 // wait for that, but they do wait for one another, a start for its trace line too. All return 1
 // when they did their work; 0 with a DEBUG line when the timer is not running (start: when it runs,
-// or could not be started), or with an ERROR line when the command could not be sent.
+// or the address is null, or it could not be started), or with an ERROR line when the command could
+// not be sent.
 using VosTimer = std::atomic<VosTask *>;
 using VosTimerCallback = void (*)(uintptr_t argument);
 

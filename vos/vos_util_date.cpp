@@ -1,5 +1,4 @@
-// The part of vos_util that deals with calendar time. Dates up to 2106 count as well on a machine
-// whose own time_t ends in 2038: this file is built with one of 64 bits.
+// The part of vos_util that deals with calendar time.
 
 #include "vos_util.h"
 
@@ -19,7 +18,7 @@ constexpr long LAST_YEAR = 2106; // the last one that begins within 32 bits of s
 constexpr size_t DATE_LENGTH = 19;
 constexpr int64_t SECONDS_PER_DAY = 86400;
 
-static_assert(sizeof(time_t) == sizeof(int64_t), "built with a time_t of 64 bits");
+static_assert(sizeof(time_t) == sizeof(int64_t), "dates reach 2106 on every machine");
 
 uint32_t invalid_date()
 {

@@ -31,6 +31,7 @@ constexpr char MODULE[] = "vos_util_linux";
 constexpr int POLLS_MAX = 1200;
 constexpr uint32_t POLL_PAUSE = 5; // ticks
 constexpr uint32_t ABORTED_MAX = 10;
+constexpr uint32_t PRIORITY = 6;
 constexpr int FIRST_CLOSED = 3;
 constexpr int LAST_CLOSED = 99;
 
@@ -57,23 +58,24 @@ std::atomic<uint32_t> aborted_commands{0};
     _exit(0);
 }
 
-// Polls until the child is gone. False when the last poll still found it; *running then tells
-// whether it had not ended yet.
-bool watch(pid_t child, bool *running)
+enum class Child { gone, just_ended, running };
+
+// Polls until the child is gone, or it has been polled often enough.
+Child watch(pid_t child)
 {
-    *running = true;
-    for (int poll = 1; *running; ++poll) {
+    for (int poll = 1;; ++poll) {
         const pid_t found = waitpid(child, nullptr, WNOHANG);
         if (found < 0) {
-            return true;
+            return Child::gone;
         }
-        *running = found == 0;
         if (poll == POLLS_MAX) {
-            return false;
+            return found == 0 ? Child::running : Child::just_ended;
         }
         vos_util_sleep(POLL_PAUSE);
+        if (found > 0) {
+            return Child::gone; // another poll could only find a stranger's process
+        }
     }
-    return true; // collected: another poll could only find a stranger's process
 }
 
 // Entry of a task that waits for a command nobody waits for any more, so that no zombie stays.
@@ -132,16 +134,18 @@ void vos_util_system(const char *command)
         run_shell(command);
     }
     vos_trace_info("wait end of system call(%d):\"%s\"", child, command);
-    bool running = false;
-    if (child < 0 || watch(child, &running)) {
+    const Child state = child < 0 ? Child::gone : watch(child);
+    if (state == Child::gone) {
         return;
     }
     vos_trace_error(MODULE, __LINE__, "abort system call:%s", command);
     if (++aborted_commands == ABORTED_MAX) {
         vos_trace_error(MODULE, __LINE__, "too much system call failure, reset");
     }
-    if (running) {
-        vos_thread_create(collect, 6, "command", static_cast<uintptr_t>(child));
+    if (state == Child::running) {
+        const auto argument = static_cast<uintptr_t>(child);
+        VosTask *task = vos_thread_create(collect, PRIORITY, "command", argument);
+        vos_task_drop_unstarted(&task);
     }
 }
 

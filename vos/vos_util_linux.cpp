@@ -71,7 +71,8 @@ timespec vos_util_deadline_ms(uint32_t milliseconds)
     timeval now{};
     gettimeofday(&now, nullptr);
     int64_t seconds = static_cast<int64_t>(now.tv_sec) + milliseconds / 1000;
-    long nanoseconds = now.tv_usec * 1000L + static_cast<long>(milliseconds % 1000) * 1'000'000L;
+    long nanoseconds = static_cast<long>(now.tv_usec) * 1000L +
+                       static_cast<long>(milliseconds % 1000) * 1'000'000L;
     if (nanoseconds >= NS_PER_SECOND) {
         nanoseconds -= NS_PER_SECOND;
         ++seconds;

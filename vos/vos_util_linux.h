@@ -92,11 +92,13 @@ void vos_event_delete(VosEventFlags **flags);
 // Destroys and frees the object at once and sets *flags to null; no thread may be waiting.
 void vos_event_destroy(VosEventFlags **flags);
 
-// Runs the command by the shell, with the signals' default actions, none of them blocked, and
-// without the descriptors 3 to 99, and blocks until it has ended, 100 ms at least and about
-// 120 seconds at most. A command that runs longer is reported (ERROR "abort system call:...") and
-// goes on by itself; the tenth of them in the life of the process adds "too much system call
-// failure, reset". Its status is not told. A null command does nothing. Any thread.
+// Runs the command by the shell and blocks until it has ended, 100 ms at least and about 120
+// seconds at most (less when signals interrupt it). The command has the default actions of SIGINT,
+// SIGHUP, SIGQUIT, SIGABRT, SIGTERM and SIGTSTP, no signal blocked, and no descriptor from 3 to 99.
+// Its status is not told. A command that runs longer is reported (ERROR "abort system call:...")
+// and goes on by itself; a task of this layer, which vos_task_count counts, waits for its end. The
+// tenth in the life of the process adds "too much system call failure, reset". A null command does
+// nothing. Any thread.
 void vos_util_system(const char *command);
 
 // The first line of the file that contains the text, with its line end; null when there is none, or
@@ -109,10 +111,12 @@ constexpr int VOS_PING_FAILED = -1;
 constexpr int VOS_PING_TIMEOUT = -5;
 
 // Sends one ICMP echo request to a dotted-decimal IPv4 address and blocks until the first ICMP
-// message arrives, at most timeout seconds. VOS_PING_ANSWERED when that is an echo reply (also one
-// to somebody else), VOS_PING_TIMEOUT when nothing came, otherwise VOS_PING_FAILED: without the
-// right to raw sockets (root, CAP_NET_RAW), without memory, another ICMP message. An address of
-// this machine fails: the first message that arrives is the request. Any thread.
+// message arrives, at most timeout seconds (0: returns at once, hardly ever with an answer).
+// VOS_PING_ANSWERED when that is an echo reply (also one to somebody else), VOS_PING_TIMEOUT when
+// nothing came, otherwise VOS_PING_FAILED: without the right to raw sockets (root, CAP_NET_RAW),
+// without memory, another ICMP message, a null address. Text that is no address is found out by the
+// time-out alone. An address of this machine fails: the first message that arrives is the request.
+// Any thread.
 int vos_util_ping(const char *address, uint32_t timeout);
 
 #endif

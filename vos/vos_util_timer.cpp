@@ -61,11 +61,6 @@ int send(VosTimer *timer, VosTimerMsg *message, const char *refusal)
     return sent;
 }
 
-bool is_started(const VosTask *task)
-{
-    return task != nullptr && pthread_equal(task->thread, pthread_t{}) == 0;
-}
-
 // What a timer does now, and on expiry.
 struct TimerState {
     VosTimerParams params;
@@ -120,7 +115,7 @@ void take(TimerState *timer, void *message)
     }
 }
 
-void wait_idle(TimerState *timer, VosTask *task)
+void take_next(TimerState *timer, VosTask *task)
 {
     void *message = nullptr;
     vos_mbx_receive_blocking(task, &message);
@@ -133,7 +128,7 @@ void expire(TimerState *timer, VosTask *task)
         timer->params.callback(timer->params.argument);
     }
     if (vos_mbx_pending(task)) {
-        wait_idle(timer, task); // returns at once
+        take_next(timer, task);
     } else if (timer->params.periodic == 0) {
         timer->state = State::idle;
     }
@@ -160,7 +155,7 @@ uint32_t vos_util_timer_task(VosTask *task, uintptr_t argument)
         if (timer.state == State::armed) {
             wait_armed(&timer, task);
         } else {
-            wait_idle(&timer, task);
+            take_next(&timer, task);
         }
     }
     stop(timer.params.timer);
@@ -181,8 +176,9 @@ int vos_util_start_timer(VosTimer *timer, uint8_t periodic, uint32_t period,
         if (*timer == nullptr) {
             task = vos_task_create(vos_util_timer_task, PRIORITY, "timer",
                                    std::bit_cast<uintptr_t>(params), STACK_SIZE);
+            vos_task_drop_unstarted(&task);
         }
-        if (is_started(task)) {
+        if (task != nullptr) {
             *timer = task;
             return 1;
         }

@@ -10,16 +10,26 @@
 
 std::atomic<int> fail_allocation{(vos_mem_init(), 0)};
 timeval fake_clock{};
-std::atomic<bool> short_sleeps{false};
-std::atomic<int> raw_socket{-1};
+std::atomic<bool> refuse_threads{false};
+bool short_sleeps = false;
+uint64_t slept = 0;
+int raw_socket = -1;
+void (*on_allocation)() = nullptr;
+
+#if __TIMESIZE == 32
+#define TIME_CALL(prefix, name) prefix##__##name##64
+#else
+#define TIME_CALL(prefix, name) prefix##name
+#endif
 
 extern "C" {
 void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
-time_t __real_time(time_t *out);
-int __real_gettimeofday(timeval *out, void *zone);
-int __real_select(int count, fd_set *in, fd_set *out, fd_set *except, timeval *limit);
+int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
 int __real_socket(int domain, int type, int protocol);
+time_t TIME_CALL(__real_, time)(time_t *out);
+int TIME_CALL(__real_, gettimeofday)(timeval *out, void *zone);
+int TIME_CALL(__real_, select)(int count, fd_set *in, fd_set *out, fd_set *except, timeval *limit);
 
 void *__wrap_malloc(size_t size)
 {
@@ -28,29 +38,44 @@ void *__wrap_malloc(size_t size)
 
 void *__wrap_calloc(size_t count, size_t size)
 {
+    if (on_allocation != nullptr) {
+        std::exchange(on_allocation, nullptr)();
+    }
     return fail_allocation > 0 && --fail_allocation == 0 ? nullptr : __real_calloc(count, size);
 }
 
-time_t __wrap_time(time_t *out)
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
+                          void *(*entry)(void *), void *argument)
 {
-    return fake_clock.tv_sec != 0 ? fake_clock.tv_sec : __real_time(out);
-}
-
-int __wrap_gettimeofday(timeval *out, void *zone)
-{
-    return fake_clock.tv_sec != 0 ? (*out = fake_clock, 0) : __real_gettimeofday(out, zone);
-}
-
-int __wrap_select(int count, fd_set *in, fd_set *out, fd_set *except, timeval *limit)
-{
-    timeval shortest{0, 10};
-    return __real_select(count, in, out, except, short_sleeps ? &shortest : limit);
+    *thread = pthread_self(); // the value is undefined after a failure
+    return refuse_threads ? EAGAIN : __real_pthread_create(thread, attributes, entry, argument);
 }
 
 int __wrap_socket(int domain, int type, int protocol)
 {
-    return (type & SOCK_RAW) == SOCK_RAW ? raw_socket.load()
-                                         : __real_socket(domain, type, protocol);
+    return protocol == IPPROTO_ICMP ? raw_socket : __real_socket(domain, type, protocol);
+}
+
+time_t TIME_CALL(__wrap_, time)(time_t *out)
+{
+    return fake_clock.tv_sec != 0 ? fake_clock.tv_sec : TIME_CALL(__real_, time)(out);
+}
+
+int TIME_CALL(__wrap_, gettimeofday)(timeval *out, void *zone)
+{
+    return fake_clock.tv_sec != 0 ? (*out = fake_clock, 0)
+                                  : TIME_CALL(__real_, gettimeofday)(out, zone);
+}
+
+int TIME_CALL(__wrap_, select)(int count, fd_set *in, fd_set *out, fd_set *except, timeval *limit)
+{
+    timeval shortest{0, 10};
+    if (short_sleeps) {
+        slept += static_cast<uint64_t>(limit->tv_sec) * 1'000'000 +
+                 static_cast<uint64_t>(limit->tv_usec);
+        limit = &shortest;
+    }
+    return TIME_CALL(__real_, select)(count, in, out, except, limit);
 }
 }
 

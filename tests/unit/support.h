@@ -19,8 +19,11 @@ template<typename... Fields> using Table = std::vector<std::tuple<Fields...>>;
 
 extern std::atomic<int> fail_allocation; // n: the nth from here on fails; 0: none will
 extern timeval fake_clock;               // what time and gettimeofday tell, unless 0 s
-extern std::atomic<bool> short_sleeps;   // vos_util_sleep hardly takes any time
-extern std::atomic<int> raw_socket;      // what opening a raw socket gives
+extern std::atomic<bool> refuse_threads; // no thread can be started
+extern bool short_sleeps;                // vos_util_sleep hardly takes any time
+extern uint64_t slept;                   // microseconds it was asked for then
+extern int raw_socket;                   // what opening one for ICMP gives
+extern void (*on_allocation)();          // called by the next calloc
 
 Bytes unhex(const std::string &digits);
 coap_address_t ipv4(const std::string &host, uint16_t port = 5683);

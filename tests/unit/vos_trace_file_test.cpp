@@ -1,6 +1,5 @@
 #include <csignal>
 #include <fstream>
-#include <map>
 #include <set>
 #include <sys/resource.h>
 #include <thread>
@@ -89,7 +88,6 @@ TEST(TraceFile, RotatesBySizeAndKeepsTheYoungest)
     for (int i = 0; i < 3; ++i) {
         output_of([] { trace("xxxxxxxxxxxxxx"); }); // reaches the size exactly, twice
     }
-    vos_trace_flush();
     EXPECT_EQ(content_of("l/base-20261122-235959"), line + "\n" + line + "\n");
     const std::string names = names_in("l");
     EXPECT_EQ(std::count(names.begin(), names.end(), '_'), 2) << names;
@@ -118,9 +116,8 @@ TEST(TraceFile, RotatesWhenTheDayOfTheMonthChanges)
     EXPECT_EQ(content_of("logs/traceagent.txt"), next);
     vos_trace_new_file();
     EXPECT_EQ(content_of("logs/traceagent-20261123.txt") + content_of("logs/traceagent.txt"), next);
-    fs::create_directories("logs/traceagent-20261123.txt.d");
     fs::remove("logs/traceagent-20261123.txt");
-    fs::rename("logs/traceagent-20261123.txt.d", "logs/traceagent-20261123.txt");
+    fs::create_directory("logs/traceagent-20261123.txt");
     EXPECT_TRUE(at(EVENING + 86401, "d")
                     .starts_with("Can't move file from \"" + scratch.path +
                                  "/logs//traceagent.txt\" to \"" + scratch.path +
@@ -150,8 +147,10 @@ TEST(TraceFile, ADirectoryThatVanishesOrFillsUpCostsTheFileAlone)
     EXPECT_EQ(content_of(file).size(), whole.size() + 28) << "the third line alone";
     EXPECT_TRUE(content_of(file).starts_with(whole) && content_of(file).ends_with(":3\n"));
     fs::remove_all("l");
+    on_allocation = [] { trace("from inside"); };
     EXPECT_EQ(lines_of([] { (vos_trace_new_file(), trace("x"), trace("y")); }),
-              "trace file open error : No such file or directory|ERROR:m:x|ERROR:m:y|");
+              "ERROR:m:from inside|trace file open error : No such file or directory|ERROR:m:x|"
+              "ERROR:m:y|");
 }
 
 TEST(TraceFile, LinesOfManyThreadsAreAllInTheFiles)
@@ -170,23 +169,20 @@ TEST(TraceFile, LinesOfManyThreadsAreAllInTheFiles)
             });
         }
     });
-    std::map<std::string, int> seen;
+    std::set<std::string> seen;
     size_t files = 0;
+    size_t lines = 0;
     for (const auto &entry : fs::directory_iterator("l")) {
         std::ifstream file(entry.path());
         for (std::string line; std::getline(file, line);) {
-            ++seen[line.substr(15)];
+            seen.insert(line.substr(15));
+            ++lines;
         }
         ++files;
     }
     EXPECT_GT(files, 50U);
-    EXPECT_EQ(seen.size(), 8000U);
-    for (char name = 'a'; name < 'i'; ++name) {
-        for (int i = 0; i < 1000; ++i) {
-            const std::string line = std::string(":INFO:") + name + ' ' + std::to_string(i);
-            ASSERT_EQ(seen[line], 1) << line;
-        }
-    }
+    EXPECT_EQ(lines, 8000U);
+    EXPECT_EQ(seen.size(), 8000U) << "the same line twice";
 }
 
 TEST(Example, WritesTheSameLinesToOutputAndFiles)
@@ -200,14 +196,7 @@ TEST(Example, WritesTheSameLinesToOutputAndFiles)
     for (const auto &entry : fs::directory_iterator("example-logs")) {
         files += content_of(entry.path());
     }
-    const auto sorted_lines = [](const std::string &text) {
-        std::istringstream stream(text);
-        std::multiset<std::string> lines;
-        for (std::string line; std::getline(stream, line); lines.insert(line)) {
-        }
-        return lines;
-    };
-    EXPECT_EQ(sorted_lines(output), sorted_lines(files));
+    EXPECT_TRUE(std::is_permutation(output.begin(), output.end(), files.begin(), files.end()));
     for (const char *line : {"INFO:reading 4\n", "INFO:reading 0\n", "INFO:0 blocks lost\n"}) {
         EXPECT_NE(output.find(line), std::string::npos) << line;
     }

@@ -46,7 +46,8 @@ TEST(Text, IsTestedAndComparedByteByByte)
          Table<const char *, int>{{"", 1}, {"+", 1}, {"+0", 1}, {"1+", 0}, {nullptr, 0}}) {
         EXPECT_EQ(vos_util_is_dec_str_plus(text), plus);
     }
-    EXPECT_EQ(vos_util_is_printable("ab\n", 2), 1);
+    EXPECT_EQ(vos_util_is_hex_str("09afAF") * 2 + vos_util_is_hex_str("0g"), 2);
+    EXPECT_EQ(vos_util_is_printable("ab\n", 2) * 2 + vos_util_is_printable("\x7F", 2), 2);
     EXPECT_EQ(vos_util_is_printable("\xE9", 9), 0);
     const Table<const char *, const char *, uint32_t, int> pairs = {
         {"aBc", "AbC", 9, 0}, {"ab", "abc", 9, -'c'},       {"abc", "ABd", 2, 0},
@@ -55,10 +56,17 @@ TEST(Text, IsTestedAndComparedByteByByte)
     for (const auto &[a, b, limit, difference] : pairs) {
         EXPECT_EQ(vos_util_strncasecmp(a, b, limit), difference) << a << ' ' << b;
     }
+    EXPECT_EQ(vos_util_strcasecmp("Abc", "aBD"), -1);
     EXPECT_EQ(vos_util_match_keyword("Start=1", "stop", "START", "st", nullptr), 2);
     EXPECT_EQ(vos_util_match_keyword("St", "start", nullptr), 0);
     EXPECT_EQ(vos_util_match_keyword("", "x", "", nullptr), 2);
     EXPECT_EQ(vos_util_match_keyword("", static_cast<const char *>(nullptr), nullptr), 0);
+    for (const auto &[change, text] : Table<decltype(&vos_util_to_upper), const char *>{
+             {vos_util_to_upper, "AZ{@[`Z"}, {vos_util_to_lower, "az{@[`z"}}) {
+        std::string mixed = "aZ{@[`z";
+        change(mixed.data());
+        EXPECT_EQ(mixed, text);
+    }
     EXPECT_EQ(written(7, [](char *to) { vos_util_strip_crlf(to, "on\r\ne\n!", 6); }), "one");
     EXPECT_EQ(written(1, [](char *to) { vos_util_strip_crlf(to, "x", -1); }), "");
 }
@@ -116,7 +124,11 @@ TEST(Str, JoinsAndCopiesWithinTheRoom)
     vos_mem_free(&block);
     EXPECT_EQ(written(3, [](char *to) { vos_str_copy("abc", to, 3); }), "ab");
     EXPECT_EQ(written(1, [](char *to) { vos_str_copy("abc", to, 1); }), "");
-    EXPECT_EQ(lines_of([joined] { (joined("a", "b", 1, 0), vos_str_copy("abc", nullptr, 0)); }),
-              "ERROR:vos_str:Invalid destinaton buffer|WARNING:vos_str:No room in dst buffer|");
+    EXPECT_EQ(lines_of([joined] {
+                  (joined("a", "b", 1, 0), vos_str_copy("abc", nullptr, 0),
+                   vos_str_concat_new(nullptr, 1, nullptr, 1));
+              }),
+              "ERROR:vos_str:Invalid destinaton buffer|WARNING:vos_str:No room in dst buffer|"
+              "WARNING:vos_str:Null strings|");
 }
 } // namespace
