@@ -31,8 +31,8 @@ constexpr uint8_t PACKET_POWER = 27;
 constexpr uint32_t MAX_PACKET_SIZE =
     COAP_MAX_MESSAGE_SIZE - 4 - (1 + LAN_TX_MSG_REQ.name_length) - 1 - LAN_TX_HEADER_SIZE;
 
-// The file of an upgrade that can't be done, or the one that an earlier upgrade left. It may be gone
-// already; a device or a pipe named by mistake stays.
+// The file of an upgrade that can't be done, or the one that an earlier upgrade left. It may be
+// gone already; a device or a pipe named by mistake stays.
 void remove_file(const char *path)
 {
     struct statx status = {};

@@ -109,7 +109,7 @@ TEST(TraceFile, RotatesWhenTheDayOfTheMonthChanges)
     vos_trace_init(scratch.path.c_str(), "logs", nullptr);
     std::string today = at(EVENING, "a");
     today += at(EVENING - 5, "b");
-    today += at(EVENING + 30 * 86400, "same day of the next month");
+    today += at(EVENING + time_t{30} * 86400, "same day of the next month");
     EXPECT_EQ(content_of("logs/traceagent.txt"), today);
     const std::string next = at(EVENING + 1, "c");
     EXPECT_EQ(content_of("logs/traceagent-20261122.txt"), today);

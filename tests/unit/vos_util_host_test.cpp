@@ -79,7 +79,7 @@ TEST(Ping, SendsARequestAndJudgesTheFirstMessage)
     const std::string failed = "DEBUG:vos_util_linux:Ping error on 192.0.2.1|";
     for (const auto &[answer, result, lines] : Table<std::string, int, std::string>{
              {header + std::string(8, '\0'), 1, ""},
-             {header + std::string("\0\1 ", 4), -1, failed},
+             {header + std::string("\0\1", 2), -1, failed},
              {header + "\3" + std::string(50, '\0'), -1, failed},
              {header, -1, failed},
              {"none", -5, "DEBUG:vos_util_linux:Ping timeout on 192.0.2.1|"}}) {

@@ -133,9 +133,9 @@ TEST(Timer, SurvivesStartsAndStopsFromManyThreads)
     static std::atomic<int> started = 0;
     output_of([] {
         Expiries e;
-        std::vector<std::jthread> callers;
-        for (int i = 0; i < 4; ++i) {
-            callers.emplace_back([&e] {
+        std::vector<std::jthread> callers(4);
+        for (std::jthread &caller : callers) {
+            caller = std::jthread([&e] {
                 while (started < 100) {
                     started += vos_util_start_timer(&e.timer, 1, 1, on_expiry, e.argument());
                     vos_util_restart_timer(&e.timer);
