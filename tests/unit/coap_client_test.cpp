@@ -2,8 +2,10 @@
 
 #include <fstream>
 #include <future>
+#include <map>
 #include <sys/socket.h>
 
+#include "../private_mounts.h"
 #include "app_lan_state.h"
 #include "support.h"
 
@@ -64,27 +66,112 @@ struct Client : testing::Test {
     uint8_t abc[3] = {0xAA, 0xBB, 0xCC};
 };
 
-TEST_F(Client, RequestsAreExact)
+// Datagrams for tshark, and a filter that finds those of which it does not show what it should.
+struct Capture {
+    std::string dump, wrong = "_ws.lua.error";
+    int count = 0;
+    void add(Bytes message, int id, const std::string &shown)
+    {
+        message.insert(message.begin() + 2, {0, static_cast<uint8_t>(id)});
+        dump += message[0] == 0x40 ? "I\n0000" : "O\n0000"; // to a modem, or an answer
+        for (const uint8_t byte : message) {
+            char digits[4];
+            snprintf(digits, sizeof digits, " %02x", byte);
+            dump += digits;
+        }
+        dump += '\n';
+        ++count;
+        if (!shown.empty()) {
+            wrong += " || (frame.number == " + std::to_string(count) + " && !(" + shown + "))";
+        }
+    }
+    std::string find_wrong() const // in one pass and in two
+    {
+        const Scratch scratch;
+        std::ofstream("dump") << dump;
+        std::ofstream("wrong") << wrong;
+        const char *const commands =
+            "text2pcap -q -D -u 4,5683 -4 10.0.0.1,10.0.0.2 dump pcap && for passes in '' -2; do "
+            "tshark $passes -r pcap -X lua_script:" WMBUSCTL_DISSECTOR
+            " -T fields -e frame.number -Y \"$(cat wrong)\" || exit; done >found";
+        EXPECT_EQ(system(commands), 0);
+        return content_of("found");
+    }
+};
+
+TEST_F(Client, MessagesAreAsDocumentedAndDissected)
 {
-    Bytes prepared = unhex("FFFFFFFFFFFF0200AABB");
+    if (!make_mounts_private() || mount("tmpfs", "/var", "tmpfs", 0, nullptr) != 0 ||
+        system("command -v tshark >/dev/null") != 0) {
+        ASSERT_EQ(getenv("CI"), nullptr);
+        GTEST_SKIP() << "no mount namespace or no tshark to be had";
+    }
+    std::ofstream("/var/fw") << std::string(50'000, 'x');
+    const uint32_t serial = lan_state.table[4].serial_number = 0xA1B2C3;
+    const Bytes modes = unhex("1000100110021003100410050000"), value = unhex("0AFF");
     const LanTxExt ext = {0x11121314, 0x2122, 0x31323334, 0x41424344, 5,      6,  0x71727374,
                           8,          9,      0xA1A2,     11,         0xC1C2, 13, 14};
-    const std::string ext_payload = "343332317473727114131211444342412221C2C10300A2A1"
-                                    "0809060E050B0D01AAAABBCC";
-    const Table<std::function<void()>, LanRequest, std::string> rows = {
-        {[&] { lan_rx_mode_off(modem); }, LAN_RX_MODE_CONFIG_REQ, std::string(28, '0')},
-        {[&] { lan_tx_frame(4, 1, 2, 16, 2, 0, 27, abc, 1); }, LAN_TX_MSG_REQ,
-         "01000000020001001002001BAA"},
-        {[&] { lan_send_tx_prepared(modem, 1, 2, &prepared[0], 10); }, LAN_TX_MSG_REQ,
-         "0100000002000200AABB"},
-        {[&] { lan_send_tx_msg_ext(modem, &ext, abc, 3, abc, 1); }, LAN_TX_MSG_EXT_REQ,
-         ext_payload},
-        {[&] { lan_set_param(4, 0x0102, abc, 2); }, LAN_CONFIG_SET_PARAM_REQ, "020102AABB"},
-        {[&] { EXPECT_EQ(lan_request_log(modem), 68U); }, LAN_LOG_REQ, ""}};
-    for (const auto &[call, request, payload] : rows) {
-        EXPECT_EQ(peer.exchange(call), datagram(request, payload)) << request.name;
+    std::map<std::string, std::function<void()>> calls = {
+        {"command_req", [&] { lan_command(serial, 2); }},
+        {"rx_mode_config_req", [&] { lan_rx_mode_config(serial, modes.data(), 14); }},
+        {"tx_msg_req", [&] { lan_tx_frame(serial, 1, 2, 16, 2, 0, 27, abc, 2); }},
+        {"config_set_param_req", [&] { lan_set_param(serial, 257, value.data(), 2); }},
+        {"config_get_param_req", [&] { lan_get_param(serial, 257); }},
+        {"firmware_upgrade_req", [&] { lan_fw_upgrade(serial, "/var/fw", "manual"); }},
+        {"statistics_req", [] { lan_request_statistics(7); }},
+        {"log_req", [&] { EXPECT_EQ(lan_request_log(modem), 68U); }},
+        {"tx_msg_ext_req", [&] { lan_send_tx_msg_ext(modem, &ext, abc, 3, abc, 1); }}};
+    std::map<std::string, decltype(lan_handle_info) *> handlers = {
+        {"info_ind", lan_handle_info},
+        {"info_req", lan_handle_info},
+        {"rx_msg_req", lan_handle_rx_msg},
+        {"firmware_install_ind", lan_handle_fw_install},
+        {"config_get_param_req", lan_handle_param},
+        {"statistics_req", lan_handle_stats}};
+    Capture capture;
+    std::ifstream document(WMBUSCTL_PROTOCOL);
+    std::string line, lines;
+    for (int id = 0; std::getline(document, line);) {
+        if (!line.starts_with("```example ")) {
+            continue;
+        }
+        const std::string resource = line.substr(line.rfind(' ') + 1);
+        const bool answer = line[11] == '2';
+        const uint32_t method = line[11] == 'G' ? LAN_GET : line[12] == 'U' ? LAN_PUT : LAN_POST;
+        std::getline(document, line);
+        std::erase(line, ' ');
+        const Bytes payload = unhex(line);
+        const auto size = static_cast<uint32_t>(payload.size());
+        const Bytes message =
+            answer ? unhex("6045FF" + line) : datagram(lan_request(resource, method), line);
+        if (const auto call = calls.extract(answer ? "" : resource)) {
+            EXPECT_EQ(peer.exchange(call.mapped()), message) << resource;
+        } else if (const auto handler = handlers.extract(size == 0 ? "" : resource)) {
+            lines = lines_of([&] { handler.mapped()(&modem->address, &payload[0], size); });
+        }
+        while (std::getline(document, line) && line.starts_with("> ")) {
+            EXPECT_NE(lines.find(line.substr(2)), std::string::npos) << line << lines;
+        }
+        id += answer ? 0 : 1;
+        capture.add(message, id, "wmbusctl.resource == \"" + resource + "\" && " + line.substr(2));
+        for (size_t at = message.size() - size; at < message.size(); ++at) {
+            capture.add(Bytes(&message[0], &message[at]), id,
+                        "wmbusctl.malformed || wmbusctl.cut || wmbusctl.log_text || !coap.payload");
+            for (int other = 0; other < 256; other += 15) {
+                Bytes mutant = message;
+                mutant[at] = static_cast<uint8_t>(other);
+                capture.add(mutant, id, "");
+            }
+        }
     }
+    Bytes prepared = unhex("FFFFFFFFFFFF0200AABB");
+    EXPECT_EQ(peer.exchange([&] { lan_send_tx_prepared(modem, 1, 2, &prepared[0], 10); }),
+              datagram(LAN_TX_MSG_REQ, "0100000002000200AABB"));
+    EXPECT_EQ(peer.exchange([&] { lan_rx_mode_off(modem); }),
+              datagram(LAN_RX_MODE_CONFIG_REQ, std::string(28, '0')));
     EXPECT_EQ(lan_get_tx_count(), 2U);
+    EXPECT_EQ(calls.size() + handlers.size(), 0U) << "are not documented";
+    EXPECT_EQ(capture.find_wrong(), "") << "of " << capture.count;
 }
 
 TEST_F(Client, PayloadFitsOrIsLeftOutAndAnotherPortIsNamed)
