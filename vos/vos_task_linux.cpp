@@ -128,10 +128,21 @@ int receive(VosTask *task, void **message, timespec (*deadline_of)(uint32_t), ui
     return received ? 1 : 0;
 }
 
-} // namespace
+// Starts the task's thread; false with a line on standard output when that can't be done.
+bool start_thread(VosTask *task, const pthread_attr_t *attributes)
+{
+    pthread_mutex_lock(&task->mutex);
+    const int error = pthread_create(&task->thread, attributes, run_task, task);
+    if (error != 0) {
+        printf("Can't create thread %d, %s\n", error, strerror(error));
+        fflush(stdout);
+    }
+    pthread_mutex_unlock(&task->mutex);
+    return error == 0;
+}
 
-VosTask *vos_task_create(VosTaskEntry entry, uint32_t /*priority*/, const char *name,
-                         uintptr_t argument, uint32_t stack_size)
+VosTask *create(VosTaskEntry entry, const char *name, uintptr_t argument, uint32_t stack_size,
+                bool keep_unstarted)
 {
     VosTask *task = new_task(entry, argument);
     if (task == nullptr) {
@@ -140,34 +151,35 @@ VosTask *vos_task_create(VosTaskEntry entry, uint32_t /*priority*/, const char *
     }
     pthread_attr_t attributes;
     const size_t effective = prepare_attributes(&attributes, stack_size);
-
-    pthread_mutex_lock(&task->mutex);
-    const int error = pthread_create(&task->thread, &attributes, run_task, task);
-    if (error != 0) {
-        printf("Can't create thread %d, %s\n", error, strerror(error));
-        fflush(stdout);
-        task->thread = pthread_t{};
-    }
-    pthread_mutex_unlock(&task->mutex);
+    const bool started = start_thread(task, &attributes);
     pthread_attr_destroy(&attributes);
-
+    if (!started && !keep_unstarted) {
+        destroy_task(task);
+        return nullptr;
+    }
     vos_trace_info("Thread \"%s\" created, id=%p, stack_size=%ld min_stack_size=%d", name,
                    static_cast<void *>(task), static_cast<long>(effective), MIN_STACK_SIZE);
     return task;
+}
+
+} // namespace
+
+VosTask *vos_task_create(VosTaskEntry entry, uint32_t /*priority*/, const char *name,
+                         uintptr_t argument, uint32_t stack_size)
+{
+    return create(entry, name, argument, stack_size, true);
+}
+
+VosTask *vos_task_start(VosTaskEntry entry, uint32_t /*priority*/, const char *name,
+                        uintptr_t argument, uint32_t stack_size)
+{
+    return create(entry, name, argument, stack_size, false);
 }
 
 VosTask *vos_thread_create(VosTaskEntry entry, uint32_t priority, const char *name,
                            uintptr_t argument)
 {
     return vos_task_create(entry, priority, name, argument, VOS_THREAD_STACK_SIZE);
-}
-
-void vos_task_drop_unstarted(VosTask **task)
-{
-    if (*task != nullptr && pthread_equal((*task)->thread, pthread_t{}) != 0) {
-        destroy_task(*task);
-        *task = nullptr;
-    }
 }
 
 uint32_t vos_task_count()

@@ -35,14 +35,14 @@ struct VosTask {
 VosTask *vos_task_create(VosTaskEntry entry, uint32_t priority, const char *name,
                          uintptr_t argument, uint32_t stack_size);
 
-// The same with a stack of VOS_THREAD_STACK_SIZE.
+// The same for a caller that can do without the task: null, with nothing left behind, when the
+// thread could not be started. The thread may have ended, and the handle be dead, on return.
+VosTask *vos_task_start(VosTaskEntry entry, uint32_t priority, const char *name, uintptr_t argument,
+                        uint32_t stack_size);
+
+// vos_task_create with a stack of VOS_THREAD_STACK_SIZE.
 VosTask *vos_thread_create(VosTaskEntry entry, uint32_t priority, const char *name,
                            uintptr_t argument);
-
-// Frees a task whose thread could not be started, with the messages in its mailbox, and sets *task
-// to null. Nothing for a null handle and for a task that was started, which may have ended by now:
-// to be called by whoever created the task, before its entry can return.
-void vos_task_drop_unstarted(VosTask **task);
 
 // Number of running threads, the main thread included.
 uint32_t vos_task_count();

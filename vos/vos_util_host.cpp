@@ -143,9 +143,8 @@ void vos_util_system(const char *command)
         vos_trace_error(MODULE, __LINE__, "too much system call failure, reset");
     }
     if (state == Child::running) {
-        const auto argument = static_cast<uintptr_t>(child);
-        VosTask *task = vos_thread_create(collect, PRIORITY, "command", argument);
-        vos_task_drop_unstarted(&task);
+        vos_task_start(collect, PRIORITY, "command", static_cast<uintptr_t>(child),
+                       VOS_THREAD_STACK_SIZE);
     }
 }
 

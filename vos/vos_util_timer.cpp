@@ -174,9 +174,8 @@ int vos_util_start_timer(VosTimer *timer, uint8_t periodic, uint32_t period,
         *params = {timer, periodic, period, callback, argument};
         const VosMutexGuard guard(&timers_mutex);
         if (*timer == nullptr) {
-            task = vos_task_create(vos_util_timer_task, PRIORITY, "timer",
-                                   std::bit_cast<uintptr_t>(params), STACK_SIZE);
-            vos_task_drop_unstarted(&task);
+            task = vos_task_start(vos_util_timer_task, PRIORITY, "timer",
+                                  std::bit_cast<uintptr_t>(params), STACK_SIZE);
         }
         if (task != nullptr) {
             *timer = task;
