@@ -10,11 +10,8 @@ jobs=$(nproc)
 as_root() {
   if [ "$(id -u)" -eq 0 ]; then
     "$@"
-  elif command -v sudo >/dev/null; then
-    sudo "$@"
   else
-    echo "Not root and no sudo: install by hand: ${*: -1}" >&2
-    return 1
+    sudo "$@"
   fi
 }
 
@@ -30,6 +27,10 @@ need_packages() {
   done
   if [ "${#missing[@]}" -eq 0 ]; then
     return
+  fi
+  if [ "$(id -u)" -ne 0 ] && ! command -v sudo >/dev/null; then
+    echo "Not root and no sudo: install by hand: ${missing[*]}" >&2
+    return 1
   fi
   echo "Installing Debian packages: ${missing[*]}"
   as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq update
