@@ -1,8 +1,5 @@
 #include "vos_trace.h"
 
-#include <map>
-#include <thread>
-
 #include "support.h"
 
 namespace
@@ -55,24 +52,5 @@ TEST(TraceDeathTest, FatalWritesItsLineAndExits)
 {
     EXPECT_EXIT((dup2(STDERR_FILENO, STDOUT_FILENO), vos_trace_fatal("m", 42, "gone %d", 7)),
                 testing::ExitedWithCode(1), "^[0-9]{8}-[0-9]{6}:FATAL:m:42:gone 7\n$");
-}
-
-TEST(Trace, LinesOfManyThreadsStayWhole)
-{
-    std::map<char, size_t> next;
-    std::istringstream lines(output_of([] {
-        std::vector<std::jthread> writers;
-        for (char name = 'a'; name < 'i'; ++name) {
-            writers.emplace_back([name] {
-                for (size_t i = 0; i < 400; ++i) {
-                    vos_trace_info("%c%s", name, std::string(i, '.').c_str());
-                }
-            });
-        }
-    }));
-    for (std::string line; std::getline(lines, line);) {
-        ASSERT_EQ(line.substr(22), std::string(next[line.at(21)]++, '.'));
-    }
-    EXPECT_EQ(next.size() * next['a'], 8U * 400);
 }
 } // namespace

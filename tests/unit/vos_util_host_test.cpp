@@ -8,8 +8,6 @@
 
 namespace
 {
-using std::chrono::steady_clock;
-
 TEST(System, RunsTheCommandCleanly)
 {
     const Scratch scratch;
@@ -17,12 +15,10 @@ TEST(System, RunsTheCommandCleanly)
     for (const int number : {SIGINT, SIGHUP, SIGQUIT, SIGABRT, SIGTERM, SIGTSTP}) {
         signal(number, SIG_IGN);
     }
-    const auto start = steady_clock::now();
     const std::string lines = lines_of([] {
         vos_util_system("ls /proc/self/fd > fds; grep SigIgn /proc/$$/status > signals; exit 3");
         vos_util_system(nullptr);
     });
-    EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5));
     EXPECT_TRUE(lines.starts_with("INFO:wait end of system call(")) << lines;
     EXPECT_TRUE(lines.ends_with("exit 3\"|") && lines.find('|') == lines.size() - 1) << lines;
     EXPECT_EQ(content_of("fds").find("99"), std::string::npos) << inherited;
