@@ -3,8 +3,7 @@
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
-# A gateway has no C++ runtime: the filter and the simulated modem bring theirs along.
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-s -static-libstdc++ -static-libgcc")
+set(CMAKE_EXE_LINKER_FLAGS_INIT -s)
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi) # all of it comes from one compiler
 set(CMAKE_SKIP_RPATH ON)             # the gateway has no such folder
 get_filename_component(WMBUSCTL_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../build/armhf-sysroot" ABSOLUTE
