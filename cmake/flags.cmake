@@ -3,7 +3,8 @@
 
 add_library(wmbusctl_flags INTERFACE)
 # A 32-bit machine, too, can look at a file of any size and inode number, and lives on after 2038.
-# libcoap is built with a time_t of 32 bits there: none of its calls that take one may be used.
+# Debian's libcoap is built with a time_t of 32 bits there: none of its calls that take one may be
+# used, and its own clock fails after 2038.
 target_compile_definitions(wmbusctl_flags INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 target_compile_options(wmbusctl_flags INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wformat=2

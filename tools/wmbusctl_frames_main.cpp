@@ -67,10 +67,18 @@ Format parse_format(std::string_view name)
     refuse_usage("--format", name.data(), "json, hex or csv");
 }
 
+int fail(const char *what)
+{
+    if (errno != EPIPE) { // a reader that has seen enough is no fault
+        fprintf(stderr, "wmbusctl-frames: %s: %s\n", what, strerror(errno));
+    }
+    return EXIT_FAILURE;
+}
+
 [[noreturn]] void print_help()
 {
     const bool printed = fputs(HELP, stdout) >= 0 && fflush(stdout) == 0;
-    exit(printed ? EXIT_SUCCESS : EXIT_FAILURE);
+    exit(printed ? EXIT_SUCCESS : fail("standard output"));
 }
 
 Options parse_options(int argc, char **argv)
@@ -147,14 +155,6 @@ ssize_t read_block(std::array<char, BLOCK_SIZE> &block)
         count = read(STDIN_FILENO, block.data(), block.size());
     } while (count < 0 && may_retry(STDIN_FILENO, POLLIN));
     return count;
-}
-
-int fail(const char *what)
-{
-    if (errno != EPIPE) { // a reader that has seen enough is no fault
-        fprintf(stderr, "wmbusctl-frames: %s: %s\n", what, strerror(errno));
-    }
-    return EXIT_FAILURE;
 }
 
 void report(const Counts &counts)

@@ -72,9 +72,9 @@ void vos_trace_set_level(uint32_t level);
 // names are copied. The first line opens the file; after a second call, too, in the new directory.
 //
 // Without such a root, or with a null name, a path too long, or no memory, the directory is left as
-// it is (not so the base name); it then says "trace path invalid, use stdout" unless there are
-// trace files already. Call it before other threads use the calls below; lines may be traced
-// meanwhile.
+// it is (a base name that fits is taken); it then says "trace path invalid, use stdout" unless
+// there are trace files already. Call it before other threads use the calls below; lines may be
+// traced meanwhile.
 void vos_trace_init(const char *root, const char *subdir, const char *base_name);
 
 // Number of files kept, 10 until set; 0: by day. To be set before vos_trace_init.

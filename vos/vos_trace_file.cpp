@@ -282,6 +282,12 @@ char *with_slash(const char *name)
     return vos_fs_append(name, length != 0 && name[length - 1] == '/' ? "" : "/");
 }
 
+// Every path there has room: none is ever cut, which could make it another file's.
+bool fits(const char *directory, uint32_t base_name_length)
+{
+    return strlen(directory) + base_name_length + NAME_ROOM <= PATH_ROOM;
+}
+
 // Takes over the names, or leaves everything as it was.
 bool set_directory(const char *root, const char *subdir)
 {
@@ -290,8 +296,7 @@ bool set_directory(const char *root, const char *subdir)
     char *directory = new_root != nullptr && new_subdir != nullptr
                           ? vos_fs_append(new_root, new_subdir)
                           : nullptr;
-    const bool complete =
-        directory != nullptr && strlen(directory) + files.base_name_length + NAME_ROOM <= PATH_ROOM;
+    const bool complete = directory != nullptr && fits(directory, files.base_name_length);
     if (complete) {
         std::replace(directory, directory + strlen(directory), '\\', '/'); // as listing it does
         close_file();
@@ -315,7 +320,8 @@ void vos_trace_init(const char *root, const char *subdir, const char *base_name)
     }
     const WorkGuard guard;
     const uint32_t length = vos_mem_strnlen(base_name, BASE_NAME_MAX + 1);
-    if (length >= 1 && length <= BASE_NAME_MAX) {
+    const bool has_room = !files.directory_in_use || fits(files.directory, length);
+    if (length >= 1 && length <= BASE_NAME_MAX && has_room) {
         vos_str_copy(base_name, files.base_name, sizeof files.base_name);
     }
     files.base_name_length = static_cast<uint32_t>(strlen(files.base_name));
