@@ -6,7 +6,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -47,9 +46,7 @@ void advance(Line *line, int printed)
 
 void begin_line(Line *line, const char *level)
 {
-    const time_t now = time(nullptr);
-    tm utc{};
-    gmtime_r(&now, &utc);
+    const tm utc = vos_trace_utc_now();
     line->length = 0;
     line->day = utc.tm_mday;
     advance(line,
@@ -193,6 +190,14 @@ void vos_trace_dump(const char *source, int line, const void *data, uint32_t len
         }
         end_line(&built);
     } while (length > 0);
+}
+
+tm vos_trace_utc_now()
+{
+    const time_t now = time(nullptr);
+    tm utc{};
+    gmtime_r(&now, &utc);
+    return utc;
 }
 
 void vos_trace_set_files(const VosTraceFiles *files)

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -61,14 +60,6 @@ struct WorkGuard {
 
     VosMutexGuard lock;
 };
-
-tm utc_now()
-{
-    const time_t now = time(nullptr);
-    tm utc = {};
-    gmtime_r(&now, &utc);
-    return utc;
-}
 
 void forget_directory()
 {
@@ -175,7 +166,7 @@ void open_next_file()
         return;
     }
     purge(names);
-    const tm utc = utc_now();
+    const tm utc = vos_trace_utc_now();
     snprintf(names->file, PATH_ROOM, "%s%s-%04d%02d%02d-%02d%02d%02d", files.directory,
              files.base_name, utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour,
              utc.tm_min, utc.tm_sec);
@@ -192,7 +183,7 @@ void open_file()
         return;
     }
     if (files.file_count == 0) {
-        files.daily_date = utc_now();
+        files.daily_date = vos_trace_utc_now();
         open_stream(files.daily_path);
     } else {
         open_next_file();
@@ -215,7 +206,7 @@ void archive_daily_file()
 bool day_has_passed(int day)
 {
     return files.file_count == 0 && day != files.daily_date.tm_mday &&
-           utc_now().tm_mday != files.daily_date.tm_mday;
+           vos_trace_utc_now().tm_mday != files.daily_date.tm_mday;
 }
 
 // Takes back what was stored of a line that did not go into the file whole, so that the next one,

@@ -4,6 +4,7 @@
 #define VOS_TRACE_FILE_H
 
 #include <cstddef>
+#include <ctime>
 
 #include "vos_trace.h"
 
@@ -16,6 +17,9 @@ struct VosTraceFiles {
 
 // Has every further line go through files as well. Any thread; takes effect at once.
 void vos_trace_set_files(const VosTraceFiles *files);
+
+// What the stamps of lines and the names of files are made of.
+tm vos_trace_utc_now();
 
 // Writes the text to standard output as it is, between two lines; over 2500 bytes are cut.
 void vos_trace_print(const char *format, ...) VOS_PRINTF_LIKE(1, 2);

@@ -45,6 +45,15 @@ bool fields_are_valid(const tm *fields)
            is_within(fields->tm_sec, 0, 59);
 }
 
+// The warning of a date long gone is the caller's own.
+bool year_is_valid(long year, const char *warning)
+{
+    if (year >= FIRST_YEAR && year < 2000) {
+        vos_trace_warning(MODULE, __LINE__, "%s", warning);
+    }
+    return year >= FIRST_YEAR;
+}
+
 // The number at that position of a date text; anything beyond two digits' worth is out of range
 // wherever it is used.
 int number_at(const char *text, size_t position)
@@ -53,19 +62,11 @@ int number_at(const char *text, size_t position)
     return is_within(value, 0, 99) ? static_cast<int>(value) : 100;
 }
 
-// Reads YYYY-MM-DD hh:mm:ss; false with a trace when it is no date. The warning of a date long gone
-// is the caller's own.
+// Reads YYYY-MM-DD hh:mm:ss; false with a trace when it is no date.
 bool parse(const char *text, const char *warning, tm *fields)
 {
     const long year = strtol(text, nullptr, 10);
-    if (year < FIRST_YEAR) {
-        invalid_date();
-        return false;
-    }
-    if (year < 2000) {
-        vos_trace_warning(MODULE, __LINE__, "%s", warning);
-    }
-    bool valid = year <= LAST_YEAR && strlen(text) == DATE_LENGTH;
+    bool valid = year_is_valid(year, warning) && year <= LAST_YEAR && strlen(text) == DATE_LENGTH;
     if (valid) {
         *fields = {};
         fields->tm_year = static_cast<int>(year - FIRST_YEAR);
@@ -138,11 +139,8 @@ uint32_t vos_util_parse_utc_date(const char *text)
 
 uint32_t vos_util_date_to_time(const VosDate *date)
 {
-    if (date == nullptr || date->year < FIRST_YEAR) {
+    if (date == nullptr || !year_is_valid(date->year, "Year is less than 2006")) {
         return invalid_date();
-    }
-    if (date->year < 2000) {
-        vos_trace_warning(MODULE, __LINE__, "Year is less than 2006");
     }
     tm fields = {};
     fields.tm_year = static_cast<int>(date->year - FIRST_YEAR);

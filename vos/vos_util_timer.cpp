@@ -16,7 +16,6 @@ namespace
 
 constexpr char MODULE[] = "vos_util";
 constexpr uint32_t PRIORITY = 6;
-constexpr uint32_t STACK_SIZE = 262144; // bytes
 
 enum class State { armed, idle, ended };
 
@@ -175,7 +174,7 @@ int vos_util_start_timer(VosTimer *timer, uint8_t periodic, uint32_t period,
         const VosMutexGuard guard(&timers_mutex);
         if (*timer == nullptr) {
             task = vos_task_start(vos_util_timer_task, PRIORITY, "timer",
-                                  std::bit_cast<uintptr_t>(params), STACK_SIZE);
+                                  std::bit_cast<uintptr_t>(params), VOS_THREAD_STACK_SIZE);
         }
         if (task != nullptr) {
             *timer = task;
