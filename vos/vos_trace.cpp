@@ -1,4 +1,5 @@
 #include "vos_trace_file.h"
+#include "vos_trace_text.h"
 
 #include <algorithm>
 #include <atomic>
@@ -6,8 +7,11 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <limits>
 #include <poll.h>
-#include <pthread.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace
@@ -17,48 +21,106 @@ constexpr uint32_t LEVEL_INFO = 1;
 constexpr uint32_t LEVEL_DEBUG = 2;
 constexpr size_t LINE_SIZE = 1024; // with the newline
 constexpr size_t TEXT_SIZE = LINE_SIZE - 1;
-constexpr size_t DUMP_BYTE_SIZE = 3;
+constexpr size_t MAX_SOURCE_SIZE = 100;
 constexpr size_t PRINT_SIZE = 2500;
 
 std::atomic<uint32_t> trace_level{LEVEL_DEBUG};
 std::atomic<const VosTraceFiles *> trace_files{nullptr};
-pthread_mutex_t output_mutex = PTHREAD_MUTEX_INITIALIZER;
 
+// Every prefix is far shorter than a line.
 struct Line {
-    size_t length;
+    char *next;
     int day; // of the month
-    char text[LINE_SIZE];
+    char text[TEXT_SIZE + VOS_TRACE_SLACK];
+
+    char *end() { return text + TEXT_SIZE; }
 };
 
-// Room that a formatted print may use: it needs one more byte for the NUL, which the newline
-// overwrites later.
-size_t room_for_print(const Line *line)
+// What stands behind the stamp, kept so that it is copied whole.
+struct Level {
+    size_t length;
+    char text[VOS_TRACE_SLACK];
+};
+
+constexpr Level FATAL{7, ":FATAL:"};
+constexpr Level ERROR{7, ":ERROR:"};
+constexpr Level WARNING{9, ":WARNING:"};
+constexpr Level INFO{6, ":INFO:"};
+constexpr Level DEBUG{7, ":DEBUG:"};
+constexpr Level DUMP{6, ":DUMP:"};
+
+// The stamp of the lines of one second, broken down once for each thread that writes some.
+struct Stamp {
+    time_t second;
+    int day;
+    size_t length;
+    char text[24]; // "20261122-204128", or with a year of ten digits
+};
+
+constexpr time_t NO_TIME = std::numeric_limits<time_t>::min();
+thread_local Stamp stamp{NO_TIME, 0, 0, ""};
+
+void renew_stamp(time_t now)
 {
-    return LINE_SIZE - line->length;
+    tm utc{};
+    gmtime_r(&now, &utc);
+    stamp.second = now;
+    stamp.day = utc.tm_mday;
+    const int printed =
+        snprintf(stamp.text, sizeof stamp.text, "%04d%02d%02d-%02d%02d%02d", utc.tm_year + 1900,
+                 utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+    stamp.length = std::min(static_cast<size_t>(printed), sizeof stamp.text - 1);
 }
 
-void advance(Line *line, int printed)
+void begin_line(Line *line, const Level &level, time_t now)
 {
-    if (printed > 0) {
-        line->length = std::min(line->length + static_cast<size_t>(printed), TEXT_SIZE);
+    const Stamp &current = stamp;
+    if (now != current.second) {
+        renew_stamp(now);
     }
+    line->day = current.day;
+    memcpy(line->text, current.text, sizeof current.text);
+    memcpy(line->text + current.length, level.text, sizeof level.text);
+    line->next = line->text + current.length + level.length;
 }
 
-void begin_line(Line *line, const char *level)
-{
-    const tm utc = vos_trace_utc_now();
-    line->length = 0;
-    line->day = utc.tm_mday;
-    advance(line,
-            snprintf(line->text, LINE_SIZE, "%04d%02d%02d-%02d%02d%02d:%s:", utc.tm_year + 1900,
-                     utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, level));
-}
+// All that stands before the messages from one place within one second.
+struct Prefix {
+    time_t second;
+    const Level *level;
+    int number;
+    int day;
+    char source[16];
+    size_t length;
+    char text[64];
+};
 
-void begin_line_at(Line *line, const char *level, const char *source, int number)
+// Those of the places where the thread traced last; most threads trace from a handful.
+thread_local Prefix prefixes[32];
+
+void begin_line_at(Line *line, const Level &level, const char *source, int number)
 {
-    begin_line(line, level);
-    advance(line, snprintf(line->text + line->length, room_for_print(line), "%.100s:%d:", source,
-                           number));
+    const time_t now = time(nullptr);
+    Prefix *prefix = &prefixes[static_cast<unsigned>(number) % std::size(prefixes)];
+    if (prefix->number == number && prefix->second == now && prefix->level == &level &&
+        strcmp(prefix->source, source) == 0) {
+        memcpy(line->text, prefix->text, sizeof prefix->text);
+        line->next = line->text + prefix->length;
+        line->day = prefix->day;
+        return;
+    }
+    begin_line(line, level, now);
+    const size_t source_length = strnlen(source, MAX_SOURCE_SIZE);
+    line->next = vos_trace_put_bytes(line->next, line->end(), source, source_length);
+    *line->next++ = ':';
+    line->next = vos_trace_put_decimal(line->next, line->end(), number);
+    *line->next++ = ':';
+    const auto length = static_cast<size_t>(line->next - line->text);
+    if (source_length < sizeof prefix->source && length <= sizeof prefix->text) {
+        *prefix = {now, &level, number, line->day, "", length, ""};
+        memcpy(prefix->source, source, source_length);
+        memcpy(prefix->text, line->text, length);
+    }
 }
 
 // Waits until standard output takes bytes again; false when it never will.
@@ -71,7 +133,8 @@ bool wait_for_output()
 void write_all(const char *text, size_t length)
 {
     while (length > 0) {
-        const ssize_t written = write(STDOUT_FILENO, text, length);
+        // As write does, without its two atomic operations for threads that may be cancelled.
+        const ssize_t written = syscall(SYS_write, STDOUT_FILENO, text, length);
         if (written >= 0) {
             text += written;
             length -= static_cast<size_t>(written);
@@ -82,28 +145,29 @@ void write_all(const char *text, size_t length)
 }
 
 // A terminal or an output that does not block may take a line in parts; no other line may come in
-// between.
+// between, nor what is printed beside the lines.
 void write_output(const char *text, size_t length)
 {
-    pthread_mutex_lock(&output_mutex);
+    flockfile(stdout);
     write_all(text, length);
-    pthread_mutex_unlock(&output_mutex);
+    funlockfile(stdout);
 }
 
 void end_line(Line *line)
 {
-    line->text[line->length] = '\n';
+    *line->next = '\n';
+    const auto length = static_cast<size_t>(line->next + 1 - line->text);
     const VosTraceFiles *files = trace_files.load(std::memory_order_acquire);
     if (files != nullptr) {
-        files->write_line(line->text, line->length + 1, line->day);
+        files->write_line(line->text, length, line->day);
     }
-    write_output(line->text, line->length + 1);
+    write_output(line->text, length);
 }
 
 VOS_PRINTF_LIKE(2, 0)
 void write_message(Line *line, const char *format, va_list arguments)
 {
-    advance(line, vsnprintf(line->text + line->length, room_for_print(line), format, arguments));
+    line->next = vos_trace_put_message(line->next, line->end(), format, arguments);
     end_line(line);
 }
 
@@ -112,7 +176,7 @@ void write_message(Line *line, const char *format, va_list arguments)
 void vos_trace_fatal(const char *source, int line, const char *format, ...)
 {
     Line built;
-    begin_line_at(&built, "FATAL", source, line);
+    begin_line_at(&built, FATAL, source, line);
     va_list arguments;
     va_start(arguments, format);
     write_message(&built, format, arguments);
@@ -127,7 +191,7 @@ void vos_trace_fatal(const char *source, int line, const char *format, ...)
 void vos_trace_error(const char *source, int line, const char *format, ...)
 {
     Line built;
-    begin_line_at(&built, "ERROR", source, line);
+    begin_line_at(&built, ERROR, source, line);
     va_list arguments;
     va_start(arguments, format);
     write_message(&built, format, arguments);
@@ -137,7 +201,7 @@ void vos_trace_error(const char *source, int line, const char *format, ...)
 void vos_trace_warning(const char *source, int line, const char *format, ...)
 {
     Line built;
-    begin_line_at(&built, "WARNING", source, line);
+    begin_line_at(&built, WARNING, source, line);
     va_list arguments;
     va_start(arguments, format);
     write_message(&built, format, arguments);
@@ -150,7 +214,7 @@ void vos_trace_info(const char *format, ...)
         return;
     }
     Line built;
-    begin_line(&built, "INFO");
+    begin_line(&built, INFO, time(nullptr));
     va_list arguments;
     va_start(arguments, format);
     write_message(&built, format, arguments);
@@ -163,7 +227,7 @@ void vos_trace_debug(const char *source, int line, const char *format, ...)
         return;
     }
     Line built;
-    begin_line_at(&built, "DEBUG", source, line);
+    begin_line_at(&built, DEBUG, source, line);
     va_list arguments;
     va_start(arguments, format);
     write_message(&built, format, arguments);
@@ -172,22 +236,17 @@ void vos_trace_debug(const char *source, int line, const char *format, ...)
 
 void vos_trace_dump(const char *source, int line, const void *data, uint32_t length)
 {
-    static constexpr char DIGITS[] = "0123456789ABCDEF";
-
     if (trace_level.load(std::memory_order_relaxed) < LEVEL_DEBUG) {
         return;
     }
     const auto *bytes = static_cast<const uint8_t *>(data);
     do {
         Line built;
-        begin_line_at(&built, "DUMP", source, line);
-        while (length > 0 && built.length + DUMP_BYTE_SIZE <= TEXT_SIZE) {
-            built.text[built.length++] = DIGITS[*bytes >> 4];
-            built.text[built.length++] = DIGITS[*bytes & 15];
-            built.text[built.length++] = ' ';
-            ++bytes;
-            --length;
-        }
+        begin_line_at(&built, DUMP, source, line);
+        uint32_t written = length;
+        built.next = vos_trace_put_dump(built.next, built.end(), bytes, &written);
+        bytes += written;
+        length -= written;
         end_line(&built);
     } while (length > 0);
 }

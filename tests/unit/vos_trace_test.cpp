@@ -33,6 +33,30 @@ TEST(Trace, LinesArePrefixedInUtcAndCut)
     }
 }
 
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+TEST(Trace, NumbersReadAsPrintfWritesThem)
+{
+    for (const char *format : {"%d", "<%u>", "%x,", "%03d", "%09d%%", "%5d", "%-4d", "%02X"}) {
+        for (const int number :
+             {0,         9,         10,         99,         100,           999,
+              1000,      9999,      10'000,     99'999,     100'000,       999'999,
+              1'000'000, 9'999'999, 10'000'000, 99'999'999, 1'000'000'000, INT_MAX,
+              -1,        -9,        -10,        -999,       INT_MIN,       0xA1B2C3}) {
+            char wanted[64];
+            snprintf(wanted, sizeof wanted, format, number);
+            EXPECT_EQ(lines_of([&] { vos_trace_info(format, number); }),
+                      std::string("INFO:") + wanted + "|");
+        }
+    }
+    const std::string text(990, 'x'); // the numbers reach the end of the line
+    for (const char *format : {"%s%d%d", "%s-%x%d", "%s --%09d%d"}) {
+        char wanted[1100];
+        snprintf(wanted, sizeof wanted, format, text.c_str(), INT_MIN, INT_MIN);
+        EXPECT_EQ(lines_of([&] { vos_trace_info(format, text.c_str(), INT_MIN, INT_MIN); }),
+                  "INFO:" + std::string(wanted, 1023 - 21) + "|");
+    }
+}
+
 TEST(Trace, DumpWritesEveryByteInWholeLines)
 {
     const Bytes data(5000, 0xA5);

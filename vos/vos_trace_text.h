@@ -1,0 +1,28 @@
+// Building a line's text in a fixed room. Part of vos_trace; nobody else includes this.
+//
+// Each call writes at next, and gives the place behind what it wrote, at most end: the text is cut
+// there. The room itself goes on for VOS_TRACE_SLACK bytes behind end, where it may scribble.
+// Nothing here blocks or allocates.
+
+#ifndef VOS_TRACE_TEXT_H
+#define VOS_TRACE_TEXT_H
+
+#include <cstdarg>
+#include <cstddef>
+
+#include "vos_trace.h"
+
+constexpr size_t VOS_TRACE_SLACK = 16;
+
+char *vos_trace_put_bytes(char *next, char *end, const char *bytes, size_t count);
+char *vos_trace_put_decimal(char *next, char *end, int number);
+
+// As "%02X " each; *count becomes the number of bytes that fitted whole.
+char *vos_trace_put_dump(char *next, char *end, const uint8_t *bytes, uint32_t *count);
+
+// What vsnprintf writes for the format. Most lines use nothing but %d, %03d, %u, %x and %s; these
+// are written here, in a small part of its time.
+char *vos_trace_put_message(char *next, char *end, const char *format, va_list arguments)
+    VOS_PRINTF_LIKE(3, 0);
+
+#endif
