@@ -1,7 +1,6 @@
 #include "app_lan_state.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <unistd.h>
@@ -169,16 +168,24 @@ void remove_placed_firmware(ModemEntry *modem)
 
 char *lan_format_endpoint(const uint8_t *data, uint32_t length, char *text)
 {
-    static constexpr const char *SEPARATORS[] = {"", " ", " / ", " ", " ", " ", " ", " "};
+    static constexpr char DIGITS[] = "0123456789abcdef";
     constexpr uint32_t FIRST = 2;
+    constexpr uint32_t COUNT = 8;
+    constexpr uint32_t MANUFACTURER_SIZE = 2;
 
-    size_t written = 0;
-    text[0] = '\0';
-    for (uint32_t i = 0; i < std::size(SEPARATORS) && FIRST + i < length; ++i) {
-        const int printed = snprintf(text + written, LAN_ENDPOINT_SIZE - written, "%s%02x",
-                                     SEPARATORS[i], data[FIRST + i]);
-        written += static_cast<size_t>(printed);
+    char *next = text;
+    for (uint32_t i = 0; i < COUNT && FIRST + i < length; ++i) {
+        if (i == MANUFACTURER_SIZE) {
+            *next++ = ' ';
+            *next++ = '/';
+        }
+        if (i != 0) {
+            *next++ = ' ';
+        }
+        *next++ = DIGITS[data[FIRST + i] >> 4];
+        *next++ = DIGITS[data[FIRST + i] & 15];
     }
+    *next = '\0';
     return text;
 }
 

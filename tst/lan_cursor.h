@@ -28,8 +28,11 @@ inline uint32_t lan_read_little_endian(LanReader *reader, uint32_t width)
 {
     uint32_t taken = 0;
     const uint8_t *bytes = lan_take(reader, width, &taken);
+    if (taken != width) {
+        return 0;
+    }
     uint32_t value = 0;
-    for (uint32_t i = 0; i < taken && taken == width; ++i) {
+    for (uint32_t i = 0; i < width; ++i) {
         value |= static_cast<uint32_t>(bytes[i]) << (8 * i);
     }
     return value;
