@@ -29,7 +29,7 @@ constexpr char LISTEN_SERVICE[] = "5683";
 constexpr int MAX_DESCRIPTORS = 65536; // far more than this process has
 constexpr char MULTICAST_GROUP[] = "224.1.2.3";
 constexpr char MULTICAST_INTERFACE[] = "eth0";
-constexpr unsigned TURN_MS = 2000;
+constexpr int TURN_MS = 2000;
 constexpr int MAX_EVENTS = 8;
 constexpr size_t MAX_ADDRESS_SIZE = 128;
 
@@ -100,15 +100,6 @@ void add_resource(coap_context_t *context, const ServedResource &served)
     coap_add_resource(context, resource);
 }
 
-// How long a turn waits: until the library has something to send, at most its whole length.
-int turn_timeout(coap_context_t *context)
-{
-    coap_tick_t now = 0;
-    coap_ticks(&now);
-    const unsigned due_ms = coap_io_prepare_epoll(context, now); // sends what is due already
-    return static_cast<int>(due_ms != 0 ? std::min(due_ms, TURN_MS) : TURN_MS);
-}
-
 // The membership is asked for on the interface's own address: the kernel takes the interface that
 // carries it and no other.
 void join_multicast_group(int descriptor)
@@ -125,10 +116,16 @@ void join_multicast_group(int descriptor)
     }
 }
 
+// The library's timer wakes a turn when it has something to send; what is due without it, after the
+// clock was set, goes out at the latest with the end of a turn.
 void serve(coap_context_t *context)
 {
     while (quit_flag.load(std::memory_order_relaxed) == 0) {
-        coap_server_read(context, turn_timeout(context));
+        if (!coap_server_read(context, TURN_MS)) {
+            coap_tick_t now = 0;
+            coap_ticks(&now);
+            coap_io_prepare_epoll(context, now);
+        }
     }
 }
 
@@ -214,7 +211,7 @@ void coap_server_filter_socket(int descriptor)
     }
 }
 
-void coap_server_read(coap_context_t *context, int timeout_ms)
+bool coap_server_read(coap_context_t *context, int timeout_ms)
 {
     epoll_event events[MAX_EVENTS];
     const int count = epoll_wait(coap_context_get_coap_fd(context), events, MAX_EVENTS, timeout_ms);
@@ -224,6 +221,7 @@ void coap_server_read(coap_context_t *context, int timeout_ms)
         perror("select");
         vos_util_sleep(1); // an error that stays must not spin
     }
+    return count > 0;
 }
 
 int coap_server_find_socket(uint16_t port)

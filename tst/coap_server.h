@@ -35,9 +35,9 @@ int coap_server_get_ipv4_addr(const char *interface, char *text);
 void coap_server_filter_socket(int descriptor);
 
 // Hands what waits at the context's sockets to the library, after at most timeout_ms (0: at once).
-// Unlike the library's own loop it does not look at the time of day. Called by the context's
-// thread.
-void coap_server_read(coap_context_t *context, int timeout_ms);
+// Unlike the library's own loop it does not look at the time of day when nothing waits. False when
+// nothing did. Called by the context's thread.
+bool coap_server_read(coap_context_t *context, int timeout_ms);
 
 // Descriptor of this process's UDP socket that is bound to the local IPv4 port, -1 when none; the
 // CoAP library keeps its descriptors to itself.
