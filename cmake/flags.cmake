@@ -28,11 +28,17 @@ endif()
 target_compile_options(wmbusctl_flags INTERFACE ${sanitizers})
 target_link_options(wmbusctl_flags INTERFACE ${sanitizers})
 
-# The tool and its runtime layer throw nothing and inherit nothing, and drop what is not called.
+# The tool and its runtime layer throw nothing and inherit nothing, and drop what is not called. A
+# program whose property WMBUSCTL_LTO is set is optimized as a whole; the others, such as tests that
+# replace functions, take the same objects as they are.
+set(whole $<BOOL:$<TARGET_PROPERTY:WMBUSCTL_LTO>>)
+set(optimized $<AND:$<CXX_COMPILER_ID:GNU>,$<CONFIG:Release,MinSizeRel>>)
 add_library(wmbusctl_plain INTERFACE)
 target_compile_options(wmbusctl_plain INTERFACE
-  -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections)
-target_link_options(wmbusctl_plain INTERFACE -Wl,--gc-sections)
+  -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections
+  $<${optimized}:-flto=auto$<SEMICOLON>-ffat-lto-objects>)
+target_link_options(wmbusctl_plain INTERFACE -Wl,--gc-sections
+  $<$<AND:${optimized},${whole}>:-flto=auto> $<$<AND:${optimized},$<NOT:${whole}>>:-fno-lto>)
 target_link_libraries(wmbusctl_plain INTERFACE wmbusctl_flags)
 
 add_library(wmbusctl_coap INTERFACE)
