@@ -24,6 +24,7 @@ using std::chrono::milliseconds;
 constexpr uint32_t ANNOUNCEMENT = UINT32_MAX; // its token
 constexpr uint32_t WARM_UP = 1000;            // frames before those that are measured
 constexpr milliseconds LOST_AFTER{3000};
+constexpr milliseconds ACTION_TIME{1500}; // the tool looks for its modem every half second
 
 struct Answer {
     uint32_t token;
@@ -92,7 +93,7 @@ private:
     sockaddr_in m_tool = tool_address();
 };
 
-// Announces the modem until the program answers.
+// Announces the modem until the program answers, and waits until it has done its action.
 void announce(Modem &modem, Process &process)
 {
     for (int attempt = 0; attempt < 1000; ++attempt) {
@@ -100,6 +101,7 @@ void announce(Modem &modem, Process &process)
                               information(0xA1B2C3)));
         for (const Answer &answer : modem.receive(process, milliseconds(10))) {
             if (answer.token == ANNOUNCEMENT) {
+                std::this_thread::sleep_for(ACTION_TIME);
                 process.wait_until_quiet();
                 return;
             }
@@ -263,8 +265,6 @@ void measure_idle(const Options &options)
     Modem modem(1);
     Process process(options.program, Output::pipe);
     announce(modem, process);
-    std::this_thread::sleep_for(milliseconds(1500)); // the action is over
-    process.read_output();
     const uint64_t before = process.context_switches();
     std::this_thread::sleep_for(std::chrono::duration<double>(options.seconds));
     printf("wakeups_per_s %.3f\npeak_kb %lu\n",

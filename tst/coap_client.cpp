@@ -24,6 +24,7 @@ constexpr int64_t WAIT_MS = 20'000;
 constexpr int64_t RETRANSMISSION_SLACK_MS = 10; // it is surely due then, whatever was rounded
 constexpr uint32_t CODE_CONTENT = 69;           // 2.05
 constexpr uint32_t FIRST_ERROR_CLASS = 4;
+constexpr uint32_t TCP_CLASS = 7;
 
 // One option of the request under construction.
 struct CoapOption {
@@ -273,6 +274,20 @@ void discard_socket_error(int descriptor)
     }
 }
 
+// Whether the library may read the socket. Looking takes an error off; a message with a code of
+// class 7, which belongs to CoAP over TCP but which the library would answer all the same, is
+// dropped.
+bool has_message(int descriptor)
+{
+    uint8_t head[2];
+    const ssize_t size = recv(descriptor, head, sizeof head, MSG_PEEK | MSG_DONTWAIT);
+    if (size == sizeof head && code_class(head[1]) == TCP_CLASS) {
+        recv(descriptor, head, sizeof head, MSG_DONTWAIT);
+        return false;
+    }
+    return size >= 0;
+}
+
 // Runs the exchange until nothing is pending or the time is over.
 void wait_for_exchange(coap_context_t *context, int descriptor)
 {
@@ -286,8 +301,8 @@ void wait_for_exchange(coap_context_t *context, int descriptor)
             coap_log(LOG_INFO, "timeout\n");
             return;
         }
-        discard_socket_error(descriptor);
         if (now >= retransmission.due_ms) {
+            discard_socket_error(descriptor);
             retransmit(context, &retransmission);
             continue;
         }
@@ -296,8 +311,7 @@ void wait_for_exchange(coap_context_t *context, int descriptor)
             poll(&socket, 1, static_cast<int>(std::min(retransmission.due_ms, deadline) - now));
         if (ready < 0 && errno != EINTR) {
             perror("select");
-        } else if (ready > 0 && (socket.revents & POLLIN) != 0) {
-            discard_socket_error(descriptor);
+        } else if (ready > 0 && has_message(descriptor)) {
             coap_server_read(context, 0);
         }
     }
@@ -311,13 +325,12 @@ void send_and_wait(coap_context_t *context, coap_session_t *session, coap_pdu_t 
         coap_show_pdu(LOG_DEBUG, pdu);
     }
     const uint16_t port = coap_address_get_port(coap_session_get_addr_local(session));
-    const int descriptor = coap_server_find_socket(port);
+    const int descriptor = coap_server_find_socket(port, coap_context_get_coap_fd(context));
     if (descriptor < 0) {
         vos_trace_error(MODULE, __LINE__, "Can't find the socket on port %d", port);
         coap_delete_pdu(pdu);
         return;
     }
-    coap_server_filter_socket(descriptor);
     if (coap_send(session, pdu) != COAP_INVALID_MID) {
         wait_for_exchange(context, descriptor);
     }
@@ -328,11 +341,7 @@ void send_and_wait(coap_context_t *context, coap_session_t *session, coap_pdu_t 
 bool run_exchange(coap_context_t *context, const coap_address_t *remote, uint16_t port,
                   const LanRequest &request, const uint8_t *payload, uint16_t payload_length)
 {
-    coap_address_t local;
-    coap_address_init(&local);
-    local.size = sizeof local.addr.sin;
-    local.addr.sin.sin_family = AF_INET;
-    coap_session_t *session = coap_new_client_session(context, &local, remote, COAP_PROTO_UDP);
+    coap_session_t *session = coap_new_client_session(context, nullptr, remote, COAP_PROTO_UDP);
     if (session == nullptr) {
         return true;
     }

@@ -100,6 +100,23 @@ void add_resource(coap_context_t *context, const ServedResource &served)
     coap_add_resource(context, resource);
 }
 
+// Has the kernel drop datagrams with a code of class 7. Those belong to CoAP over TCP, but the
+// library answers them over UDP too, and keeps every sender's session until its answer is
+// acknowledged. The socket works without.
+void filter_socket(int descriptor)
+{
+    constexpr uint32_t CODE_OFFSET = 8 + 1; // behind the UDP header
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, CODE_OFFSET), BPF_STMT(BPF_ALU | BPF_AND | BPF_K, 0xE0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0xE0, 0, 1), BPF_STMT(BPF_RET | BPF_K, 0),
+        BPF_STMT(BPF_RET | BPF_K, UINT32_MAX),
+    };
+    const sock_fprog filter{std::size(program), program};
+    if (setsockopt(descriptor, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0) {
+        vos_trace_warning(MODULE, __LINE__, "Can't filter socket : %s", strerror(errno));
+    }
+}
+
 // The membership is asked for on the interface's own address: the kernel takes the interface that
 // carries it and no other.
 void join_multicast_group(int descriptor)
@@ -197,20 +214,6 @@ int coap_server_get_ipv4_addr(const char *interface, char *text)
     return result;
 }
 
-void coap_server_filter_socket(int descriptor)
-{
-    constexpr uint32_t CODE_OFFSET = 8 + 1; // behind the UDP header
-    sock_filter program[] = {
-        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, CODE_OFFSET), BPF_STMT(BPF_ALU | BPF_AND | BPF_K, 0xE0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0xE0, 0, 1), BPF_STMT(BPF_RET | BPF_K, 0),
-        BPF_STMT(BPF_RET | BPF_K, UINT32_MAX),
-    };
-    const sock_fprog filter{std::size(program), program};
-    if (setsockopt(descriptor, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0) {
-        vos_trace_warning(MODULE, __LINE__, "Can't filter socket : %s", strerror(errno));
-    }
-}
-
 bool coap_server_read(coap_context_t *context, int timeout_ms)
 {
     epoll_event events[MAX_EVENTS];
@@ -224,9 +227,10 @@ bool coap_server_read(coap_context_t *context, int timeout_ms)
     return count > 0;
 }
 
-int coap_server_find_socket(uint16_t port)
+int coap_server_find_socket(uint16_t port, int first)
 {
-    for (int descriptor = 0; descriptor < MAX_DESCRIPTORS; ++descriptor) {
+    for (int i = 0; i < MAX_DESCRIPTORS; ++i) {
+        const int descriptor = (first + i) % MAX_DESCRIPTORS;
         sockaddr_in address{};
         socklen_t address_size = sizeof address;
         int type = 0;
@@ -254,8 +258,8 @@ int coap_server_run()
     for (const ServedResource &served : SERVED_RESOURCES) {
         add_resource(context, served);
     }
-    const int descriptor = coap_server_find_socket(LAN_COAP_PORT);
-    coap_server_filter_socket(descriptor);
+    const int descriptor = coap_server_find_socket(LAN_COAP_PORT, 0);
+    filter_socket(descriptor);
     join_multicast_group(descriptor);
     serve(context);
     coap_free_context(context);

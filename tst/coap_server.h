@@ -29,18 +29,14 @@ coap_context_t *coap_server_get_context(const char *host, const char *service);
 // characters. 1, or -1 (text untouched) when it has none.
 int coap_server_get_ipv4_addr(const char *interface, char *text);
 
-// Has the kernel drop datagrams with a code of class 7. Those belong to CoAP over TCP, but the
-// library answers them over UDP too, and keeps every sender's session until its answer is
-// acknowledged. Traced when the kernel refuses; the socket works without.
-void coap_server_filter_socket(int descriptor);
-
 // Hands what waits at the context's sockets to the library, after at most timeout_ms (0: at once).
 // Unlike the library's own loop it does not look at the time of day when nothing waits. False when
 // nothing did. Called by the context's thread.
 bool coap_server_read(coap_context_t *context, int timeout_ms);
 
 // Descriptor of this process's UDP socket that is bound to the local IPv4 port, -1 when none; the
-// CoAP library keeps its descriptors to itself.
-int coap_server_find_socket(uint16_t port);
+// CoAP library keeps its descriptors to itself. The search begins at first, which is quick when
+// that is the context's own descriptor: its sockets are opened after it.
+int coap_server_find_socket(uint16_t port, int first);
 
 #endif

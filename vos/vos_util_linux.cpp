@@ -59,6 +59,9 @@ void vos_mutex_destroy(VosMutex **mutex)
 
 void vos_util_sleep(uint32_t ticks)
 {
+    if (ticks == 0) {
+        return;
+    }
     timeval time{};
     time.tv_sec = static_cast<time_t>(ticks / VOS_TICKS_PER_SECOND);
     const uint32_t milliseconds = ticks % VOS_TICKS_PER_SECOND * VOS_MS_PER_TICK;
