@@ -1,5 +1,7 @@
 #include "harness.h"
 
+#include "sim_noise.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -69,38 +71,6 @@ TEST_F(Load, ServerNeverWaitsForStandardOutput)
     tool.expect(frame_lines(numbered(1)));
 }
 
-class Mutator
-{
-public:
-    explicit Mutator(unsigned long seed) : random_(seed) {}
-    Bytes next()
-    {
-        const Bytes valid[] = {encode(CON, PUT, 1, "to", "rx_msg_req", frame(numbered(below(100)))),
-                               encode(NON, POST, 2, "", "info_ind", info(SERIAL + below(9))),
-                               encode(CON, POST, 3, "t", "firmware_install_ind", "\1"),
-                               encode(CON, GET, 4, "token", ".well-known/core"),
-                               encode(ACK, VALID, 5, "", "", "payload"),
-                               noise(below(100))};
-        Bytes bytes = valid[below(std::size(valid))];
-        for (unsigned i = below(4) + 1; i > 0; --i) {
-            const std::size_t at = below(bytes.size() + 1);
-            bytes.replace(at, below(8), noise(below(8)));
-            bytes.resize(below(4) == 0 ? at : bytes.size());
-        }
-        return bytes;
-    }
-
-private:
-    unsigned below(std::size_t bound) { return static_cast<unsigned>(random_() % bound); }
-    Bytes noise(unsigned size)
-    {
-        Bytes bytes(size, '\0');
-        std::generate(bytes.begin(), bytes.end(), [this] { return static_cast<char>(random_()); });
-        return bytes;
-    }
-    std::mt19937 random_;
-};
-
 unsigned long from_environment(const char *name, unsigned long otherwise)
 {
     const char *value = getenv(name);
@@ -112,7 +82,7 @@ TEST_F(Load, MutatedDatagramsDoNoHarm)
     const unsigned long count = from_environment("E2E_MUTATIONS", 20'000);
     const unsigned long seed = from_environment("E2E_SEED", std::random_device{}());
     std::cout << "E2E_SEED=" << seed << " E2E_MUTATIONS=" << count << '\n';
-    Mutator mutator(seed);
+    sim::Noise noise(SERIAL, static_cast<std::uint32_t>(seed));
     tool.ignore_rest();
     const auto resident = [this] {
         const std::string status = tool.proc_file("/status");
@@ -120,7 +90,8 @@ TEST_F(Load, MutatedDatagramsDoNoHarm)
     };
     long warm = 0;
     for (unsigned long i = 0; i <= count && !HasFailure(); ++i) {
-        modem.send(mutator.next());
+        const sim::Bytes datagram = noise.next();
+        modem.send({datagram.begin(), datagram.end()});
         if (i % 4 == 0) { // a leak would show
             modem.send(encode(NON, PUT, 7, "", "rx_msg_req", frame(Bytes(1000, 'x'))));
         }
