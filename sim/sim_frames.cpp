@@ -134,6 +134,14 @@ std::vector<Bytes> built_in_frames()
     return frames;
 }
 
+Bytes marked_frame(uint32_t serial, uint32_t run, uint32_t number)
+{
+    Bytes records{0x0F};
+    put(records, serial, 4);
+    put(records, run, 4);
+    return telegram({"SIM", number, 0x01, 0x07, records}, static_cast<uint8_t>(number));
+}
+
 std::vector<Bytes> load_frames(const std::string &path)
 {
     std::ifstream file(path);

@@ -2,7 +2,9 @@
 
 #include "sim_frames.h"
 #include "sim_log.h"
+#include "sim_noise_sender.h"
 #include "sim_options.h"
+#include "sim_recorder.h"
 #include "sim_station.h"
 
 #include <algorithm>
@@ -72,9 +74,9 @@ Descriptor open_end_signals()
 
 using Stations = std::vector<std::unique_ptr<Station>>;
 
-int wait_milliseconds(const Stations &stations)
+int wait_milliseconds(const Stations &stations, const NoiseSender &noise)
 {
-    std::optional<Time> next;
+    std::optional<Time> next = noise.next_due();
     for (const auto &station : stations) {
         const std::optional<Time> due = station->next_due();
         if (due && (!next || *due < *next)) {
@@ -88,14 +90,14 @@ int wait_milliseconds(const Stations &stations)
     return static_cast<int>(std::clamp<decltype(wait)>(wait, 0, INT_MAX));
 }
 
-void run(const Stations &stations, const Descriptor &end_signals)
+void run(const Stations &stations, NoiseSender &noise, const Descriptor &end_signals)
 {
     std::vector<pollfd> descriptors{{end_signals.get(), POLLIN, 0}};
     for (const auto &station : stations) {
         descriptors.push_back({station->descriptor(), POLLIN, 0});
     }
     for (;;) {
-        const int wait = wait_milliseconds(stations);
+        const int wait = wait_milliseconds(stations, noise);
         if (poll(descriptors.data(), descriptors.size(), wait) < 0 && errno != EINTR) {
             throw std::system_error(errno, std::generic_category(), "poll");
         }
@@ -105,6 +107,7 @@ void run(const Stations &stations, const Descriptor &end_signals)
         for (const auto &station : stations) {
             station->turn();
         }
+        noise.tick(Clock::now());
     }
 }
 
@@ -123,17 +126,22 @@ void simulate(const Options &options)
     const std::vector<Bytes> frames =
         options.frames_file.empty() ? built_in_frames() : load_frames(options.frames_file);
     Collector collector(options.collect_file);
+    Recorder recorder(options.record_file);
     const Descriptor end_signals = open_end_signals();
     const Library library(options.verbose);
     Totals totals;
     Stations stations;
     for (const in_addr &address : options.addresses) {
         const auto serial = static_cast<uint32_t>(options.serial + stations.size());
-        stations.push_back(
-            std::make_unique<Station>(options, address, serial, frames, collector, totals));
+        stations.push_back(std::make_unique<Station>(options, address, serial, frames, collector,
+                                                     recorder, totals));
     }
-    run(stations, end_signals);
+    NoiseSender noise(options);
+    run(stations, noise, end_signals);
     log_summary(totals);
+    if (options.noise_interval) {
+        log_event("sim", "noise: %" PRIu64 " datagrams sent", noise.sent());
+    }
 }
 
 } // namespace

@@ -18,7 +18,7 @@
 namespace sim
 {
 
-// The file that takes the frame bytes of every tx_msg_req; shared by all modems of the process.
+// A file that takes frames, such as those of every tx_msg_req; shared by all modems of the process.
 class Collector
 {
 public:
@@ -44,6 +44,7 @@ public:
 
     Modem(const Options &options, uint32_t serial, Collector &collector);
 
+    uint32_t serial() const { return m_serial; }
     const std::string &name() const { return m_name; }
 
     // Carries a request out and logs it.

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <getopt.h>
 #include <iostream>
+#include <random>
 #include <string_view>
 
 namespace sim
@@ -99,21 +100,23 @@ void add_address(Options &options, const std::string &value)
     options.addresses.push_back(address);
 }
 
+// The pause between two; none for a rate of 0.
+std::optional<std::chrono::microseconds> parse_rate(const std::string &value, const char *wanted)
+{
+    const double rate = parse_decimal(value, RATE_MAX, wanted);
+    if (rate == 0) {
+        return std::nullopt;
+    }
+    if (rate * SECONDS_MAX < 1) {
+        refuse(value, "a rate of at least one a day");
+    }
+    return std::chrono::microseconds(std::llround(1e6 / rate));
+}
+
 void set_rate(Options &options, const std::string &value)
 {
-    if (value == "max") {
-        options.frame_interval = std::chrono::microseconds(0);
-        return;
-    }
-    const double rate = parse_decimal(value, RATE_MAX, "a rate from 0 to 1000, or max");
-    const double interval = rate > 0 ? 1e6 / rate : 0;
-    if (interval > SECONDS_MAX * 1e6) {
-        refuse(value, "a rate of at least one frame a day");
-    }
-    options.frame_interval.reset();
-    if (rate > 0) {
-        options.frame_interval = std::chrono::microseconds(std::llround(interval));
-    }
+    options.frame_interval = value == "max" ? std::chrono::microseconds(0)
+                                            : parse_rate(value, "a rate from 0 to 1000, or max");
 }
 
 // "4.04" or "4.04,text".
@@ -233,6 +236,14 @@ constexpr OptionRow ROWS[] = {
     {"malformed-reports", nullptr,
      "every fourth report of a modem is too short or lies about lengths",
      [](Options &o, Value) { o.malformed_reports = true; }},
+    {"record", "FILE",
+     "report frames of which none is like another, and append a line of\n"
+     "hexadecimal digits to FILE for each that was acknowledged",
+     [](Options &o, Value v) { set_file(o.record_file, v); }},
+    {"noise", "PER_SECOND", "broken datagrams sent to the gateway from other ports (default 0)",
+     [](Options &o, Value v) { o.noise_interval = parse_rate(v, "a rate from 0 to 1000"); }},
+    {"seed", "N", "repeat the noise of an earlier run, which logged this seed",
+     [](Options &o, Value v) { o.noise_seed = parse_count(v, 0); }},
     {"verbose", nullptr, "log every frame, announcement and repetition",
      [](Options &o, Value) { o.verbose = true; }},
     {"help", nullptr, "print this help and exit", nullptr},
@@ -294,6 +305,13 @@ void check_together(const Options &options)
     if (is_modem(options, options.announce_to)) {
         throw OptionError("--announce-to: a modem cannot be its own gateway");
     }
+    if (options.noise_interval && is_multicast(options.announce_to)) {
+        throw OptionError("--noise needs --announce-to with the address of a gateway");
+    }
+    if (!options.record_file.empty() &&
+        (options.malformed_reports || !options.frames_file.empty())) {
+        throw OptionError("--record goes neither with --frames nor with --malformed-reports");
+    }
     if (options.faults.fault == Fault::none &&
         (options.faults.every != 1 || options.faults.limit != 0)) {
         throw OptionError("--fault-every and --fault-count need --fault");
@@ -326,6 +344,7 @@ std::optional<Options> parse_options(int argc, char **argv)
 {
     Options options;
     options.announce_to = parse_address("224.1.2.3");
+    options.noise_seed = std::random_device{}();
     const std::vector<option> table = long_options();
     for (;;) {
         int index = 0;

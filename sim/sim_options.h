@@ -32,6 +32,9 @@ struct Options {
     bool install_ok = true;
     FaultPlan faults;
     bool malformed_reports = false;
+    std::string record_file;
+    std::optional<std::chrono::microseconds> noise_interval;
+    uint32_t noise_seed = 0; // a random one unless it is given
     bool verbose = false;
 };
 

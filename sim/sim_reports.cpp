@@ -9,6 +9,7 @@
 #include <string_view>
 #include <sys/socket.h>
 #include <system_error>
+#include <utility>
 
 namespace sim
 {
@@ -60,9 +61,10 @@ std::optional<uint32_t> token_number(const coap_pdu_t *pdu)
 } // namespace
 
 Reports::Reports(coap_context_t *context, in_addr own, const Options &options,
-                 const std::vector<Bytes> &frames, Modem &modem, Totals &totals)
-    : m_context(context), m_own(own), m_options(options), m_frames(frames), m_modem(modem),
-      m_totals(totals), m_group_message_id(static_cast<uint16_t>(std::random_device{}())),
+                 const std::vector<Bytes> &frames, Recorder &recorder, Modem &modem, Totals &totals)
+    : m_context(context), m_own(own), m_options(options), m_frames(frames), m_recorder(recorder),
+      m_modem(modem), m_totals(totals),
+      m_group_message_id(static_cast<uint16_t>(std::random_device{}())),
       m_gateway_is_certain(!is_multicast(options.announce_to)), m_next_announcement(Clock::now())
 {
     if (!m_gateway_is_certain) {
@@ -146,9 +148,13 @@ void Reports::delivery_failed(coap_mid_t id, coap_nack_reason_t reason)
 void Reports::settle(std::list<Open>::iterator open, Outcome outcome, const std::string &detail)
 {
     const Kind kind = open->kind;
+    const Bytes frame = std::move(open->frame);
     m_open.erase(open);
     if (kind == Kind::frame) {
         count_frame(outcome, detail);
+        if (outcome == Outcome::acknowledged && !frame.empty()) {
+            record(frame);
+        }
     } else if (kind == Kind::installation) {
         log_event(m_modem.name(), "firmware_install_ind: %s", detail.c_str());
     }
@@ -175,6 +181,13 @@ void Reports::count_frame(Outcome outcome, const std::string &detail)
         log_event(m_modem.name(), "frames are %s now (%s)", result, detail.c_str());
     } else {
         log_detail(m_modem.name(), "frame %s (%s)", result, detail.c_str());
+    }
+}
+
+void Reports::record(const Bytes &frame)
+{
+    if (!m_recorder.append(frame)) {
+        log_event(m_modem.name(), "a frame could not be recorded");
     }
 }
 
@@ -207,7 +220,7 @@ coap_pdu_t *Reports::build(Kind kind, bool confirmable, const Bytes &payload)
     return pdu;
 }
 
-bool Reports::send(Kind kind, bool confirmable, const Bytes &payload)
+bool Reports::send(Kind kind, bool confirmable, const Bytes &payload, const Bytes &frame)
 {
     // A gateway's refusal of an earlier datagram may come out at the next one, which then does not
     // leave; so only the second failure is this report's own.
@@ -225,7 +238,7 @@ bool Reports::send(Kind kind, bool confirmable, const Bytes &payload)
         if (!confirmable) {
             deadline = Clock::now() + ANSWER_WAIT;
         }
-        m_open.push_back({m_last_token, id, kind, deadline});
+        m_open.push_back({m_last_token, id, kind, frame, deadline});
     }
     return true;
 }
@@ -278,10 +291,18 @@ bool Reports::frame_may_go() const
     return one_at_a_time ? m_open.empty() : m_open.size() < OPEN_MAX;
 }
 
+Bytes Reports::next_frame()
+{
+    if (m_recorder.wanted()) {
+        return m_recorder.frame(m_modem.serial(), m_frames_sent);
+    }
+    return m_frames[std::exchange(m_frame_index, (m_frame_index + 1) % m_frames.size())];
+}
+
 void Reports::send_frame(Time now)
 {
-    Bytes report = m_modem.receive(m_frames[m_frame_index]);
-    m_frame_index = (m_frame_index + 1) % m_frames.size();
+    const Bytes frame = next_frame();
+    Bytes report = m_modem.receive(frame);
     if (report_goes_wrong()) {
         report = spoil_frame_report(report, m_spoiled++);
     }
@@ -293,7 +314,8 @@ void Reports::send_frame(Time now)
         m_next_frame = now;
     }
     m_next_frame += *m_options.frame_interval;
-    if (!send(Kind::frame, m_options.confirmable, report)) {
+    const Bytes recorded = m_recorder.wanted() ? frame : Bytes{};
+    if (!send(Kind::frame, m_options.confirmable, report, recorded)) {
         m_next_frame = now + FAILURE_PAUSE;
         count_frame(Outcome::lost, "not sent");
     }

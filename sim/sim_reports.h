@@ -5,6 +5,7 @@
 
 #include "sim_answers.h"
 #include "sim_modem.h"
+#include "sim_recorder.h"
 
 #include <coap3/coap.h>
 #include <list>
@@ -19,7 +20,7 @@ public:
     // The context is the one whose endpoint has the address own. Throws std::runtime_error when
     // announcements cannot be sent.
     Reports(coap_context_t *context, in_addr own, const Options &options,
-            const std::vector<Bytes> &frames, Modem &modem, Totals &totals);
+            const std::vector<Bytes> &frames, Recorder &recorder, Modem &modem, Totals &totals);
 
     // A request came from this host: it is the gateway, unless one is known already.
     void request_came_from(in_addr host);
@@ -45,14 +46,16 @@ private:
         uint32_t token;
         coap_mid_t id;
         Kind kind;
+        Bytes frame;                  // to be recorded, unless it is empty
         std::optional<Time> deadline; // the library watches over confirmable messages
     };
 
     bool open_session(in_addr gateway);
     coap_pdu_t *build(Kind kind, bool confirmable, const Bytes &payload);
-    bool send(Kind kind, bool confirmable, const Bytes &payload);
+    bool send(Kind kind, bool confirmable, const Bytes &payload, const Bytes &frame = {});
     void announce();
     bool announce_to_group(const Bytes &info);
+    Bytes next_frame();
     void send_frame(Time now);
     void send_install_result();
     std::list<Open>::iterator first_timed();
@@ -60,12 +63,14 @@ private:
     bool frame_may_go() const;
     void settle(std::list<Open>::iterator open, Outcome outcome, const std::string &detail);
     void count_frame(Outcome outcome, const std::string &detail);
+    void record(const Bytes &frame);
     bool report_goes_wrong();
 
     coap_context_t *m_context;
     const in_addr m_own;
     const Options &m_options;
     const std::vector<Bytes> &m_frames;
+    Recorder &m_recorder;
     Modem &m_modem;
     Totals &m_totals;
 

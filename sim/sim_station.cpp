@@ -18,7 +18,8 @@ constexpr unsigned SESSION_LIFETIME = 60;
 } // namespace
 
 Station::Station(const Options &options, in_addr address, uint32_t serial,
-                 const std::vector<Bytes> &frames, Collector &collector, Totals &totals)
+                 const std::vector<Bytes> &frames, Collector &collector, Recorder &recorder,
+                 Totals &totals)
     : m_claim(claim_address(address)), m_modem(options, serial, collector),
       m_context(coap_new_context(nullptr)), m_answers(m_modem, options.faults, totals)
 {
@@ -31,8 +32,8 @@ Station::Station(const Options &options, in_addr address, uint32_t serial,
     open_endpoint(address);
     serve();
     log_event(m_modem.name(), "modem on %s port %u", address_text(address).c_str(), COAP_PORT);
-    m_reports =
-        std::make_unique<Reports>(m_context.get(), address, options, frames, m_modem, totals);
+    m_reports = std::make_unique<Reports>(m_context.get(), address, options, frames, recorder,
+                                          m_modem, totals);
 }
 
 void Station::open_endpoint(in_addr address)

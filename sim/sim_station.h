@@ -19,7 +19,8 @@ class Station
 public:
     // Opens the modem's address. Throws std::runtime_error when that fails.
     Station(const Options &options, in_addr address, uint32_t serial,
-            const std::vector<Bytes> &frames, Collector &collector, Totals &totals);
+            const std::vector<Bytes> &frames, Collector &collector, Recorder &recorder,
+            Totals &totals);
     Station(const Station &) = delete;
     Station &operator=(const Station &) = delete;
     ~Station();
