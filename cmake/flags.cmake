@@ -25,6 +25,9 @@ elseif(WMBUSCTL_SANITIZE STREQUAL "thread")
 else()
   message(FATAL_ERROR "WMBUSCTL_SANITIZE must be empty, address or thread")
 endif()
+if(WMBUSCTL_FUZZ)
+  list(APPEND sanitizers -fsanitize=fuzzer-no-link) # tells libFuzzer which way the code went
+endif()
 target_compile_options(wmbusctl_flags INTERFACE ${sanitizers})
 target_link_options(wmbusctl_flags INTERFACE ${sanitizers})
 
