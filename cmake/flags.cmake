@@ -44,6 +44,11 @@ target_link_options(wmbusctl_plain INTERFACE -Wl,--gc-sections
   $<$<AND:${optimized},${whole}>:-flto=auto> $<$<AND:${optimized},$<NOT:${whole}>>:-fno-lto>)
 target_link_libraries(wmbusctl_plain INTERFACE wmbusctl_flags)
 
+if(WMBUSCTL_COVERAGE) # of the plain code only; whoever links it writes the counts down
+  target_compile_options(wmbusctl_plain INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(wmbusctl_flags INTERFACE --coverage)
+endif()
+
 add_library(wmbusctl_coap INTERFACE)
 target_include_directories(wmbusctl_coap SYSTEM INTERFACE ${COAP_INCLUDE_DIRS})
 if(WMBUSCTL_STATIC_COAP)
