@@ -1,6 +1,6 @@
-// Linked into the tool where coverage is counted, and nowhere else: SIGTERM, which is how the tool ends,
-// would leave the counts unwritten. A thread that does nothing else waits for it; a handler could
-// come in the middle of anything.
+// Linked into the tool where coverage is counted, and nowhere else: SIGTERM, which is how the tool
+// ends, would leave the counts unwritten. A thread that does nothing else waits for it; a handler
+// could come in the middle of anything.
 
 #include <csignal>
 #include <pthread.h>
