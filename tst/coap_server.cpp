@@ -86,13 +86,27 @@ constexpr ServedResource SERVED_RESOURCES[] = {
     {"firmware_install_ind", COAP_REQUEST_POST, coap_server_fw_install_handler},
 };
 
+// The library copies what it is given without a look at whether there was memory, so it gets copies
+// to keep.
+coap_str_const_t *new_text(const char *text)
+{
+    coap_str_const_t *copy =
+        coap_new_str_const(reinterpret_cast<const uint8_t *>(text), strlen(text));
+    if (copy == nullptr) {
+        vos_trace_fatal(MODULE, __LINE__, "No memory for the text %s", text);
+    }
+    return copy;
+}
+
 void add_resource(coap_context_t *context, const ServedResource &served)
 {
-    coap_resource_t *resource = coap_resource_init(coap_make_str_const(served.name), 0);
+    coap_resource_t *resource =
+        coap_resource_init(new_text(served.name), COAP_RESOURCE_FLAGS_RELEASE_URI);
     coap_attr_t *attribute = nullptr;
     if (resource != nullptr) {
         coap_register_request_handler(resource, served.method, served.handler);
-        attribute = coap_add_attr(resource, coap_make_str_const("ct"), coap_make_str_const("0"), 0);
+        attribute = coap_add_attr(resource, new_text("ct"), new_text("0"),
+                                  COAP_ATTR_FLAGS_RELEASE_NAME | COAP_ATTR_FLAGS_RELEASE_VALUE);
     }
     if (attribute == nullptr) {
         vos_trace_fatal(MODULE, __LINE__, "No memory for resource %s", served.name);
