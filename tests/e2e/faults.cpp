@@ -1,0 +1,119 @@
+// Makes calls of the real tool fail as FAULT="NAME FIRST COUNT NUMBER TEXT" tells: COUNT calls of
+// that name from the FIRST one on give the error NUMBER, in the thread that has printed TEXT; in
+// all without a text. The tool sleeps ten times as fast, and says when it is at rest.
+
+#include <atomic>
+#include <csignal>
+#include <sstream>
+#include <sys/time.h>
+
+namespace
+{
+struct Plan {
+    std::string name, text;
+    int first = 0, count = 0, number = 0;
+    sigset_t end{};
+    Plan()
+    {
+        std::istringstream words(getenv("FAULT"));
+        std::getline(words >> name >> first >> count >> number >> std::ws, text);
+        sigaddset(&end, SIGTERM);
+        sigprocmask(SIG_BLOCK, &end, nullptr);
+    }
+};
+
+const Plan plan;
+std::atomic<int> calls = 0;
+thread_local bool due = plan.text.empty();
+
+bool fails(std::string_view name)
+{
+    const int call = due && name.ends_with(plan.name) ? ++calls : 0;
+    const bool failed = call >= plan.first && call < plan.first + plan.count;
+    errno = failed ? plan.number : errno;
+    return failed;
+}
+
+void tell(const char *what) // and no call fails any more
+{
+    printf("%s, %s\n", what, calls.exchange(1 << 30) < plan.first ? "unharmed" : "harmed");
+}
+} // namespace
+
+extern "C" {
+[[gnu::weak]] int __lsan_do_recoverable_leak_check();
+[[gnu::weak]] void __gcov_dump();
+const char *__lsan_default_options()
+{
+    return "leak_check_at_exit=0";
+} // not behind FATAL
+
+// Whatever the arguments are, all of them are in registers and go on as they came.
+#define FAULTY(name, failure)                                                                      \
+    long __real_##name(long, long, long, long, long);                                              \
+    long __wrap_##name(long a, long b, long c, long d, long e)                                     \
+    {                                                                                              \
+        return fails(#name) ? failure : __real_##name(a, b, c, d, e);                              \
+    }
+FAULTY(malloc, 0)
+FAULTY(calloc, 0)
+FAULTY(realloc, 0)
+FAULTY(send, -1)
+FAULTY(socket, -1)
+FAULTY(getsockname, -1)
+FAULTY(setsockopt, -1)
+FAULTY(poll, -1)
+FAULTY(epoll_wait, -1)
+FAULTY(pthread_create, plan.number)
+FAULTY(signal, -1)
+FAULTY(getcwd, 0)
+FAULTY(fopen64, 0)
+FAULTY(fdopen, 0)
+FAULTY(fsync, -1)
+FAULTY(rename, -1)
+
+ssize_t __real_write(int descriptor, const void *data, size_t size);
+ssize_t __wrap_write(int descriptor, const void *data, size_t size)
+{
+    if (fails("write")) {
+        return -1;
+    }
+    const std::string_view text(static_cast<const char *>(data), size);
+    const ssize_t written = __real_write(descriptor, data, fails("short") ? size / 2 : size);
+    due = due || text.find(plan.text) != std::string_view::npos;
+    if (text.find("End of thread") != std::string_view::npos) {
+        tell("At rest"); // without the server nothing will come
+    }
+    return written;
+}
+
+int __real_clock_gettime(clockid_t clock, timespec *now);
+int __wrap_clock_gettime(clockid_t clock, timespec *now)
+{
+    const int result = __real_clock_gettime(clock, now);
+    now->tv_sec += clock == CLOCK_REALTIME && fails("clock") ? plan.number : 0;
+    return result;
+}
+
+int __wrap_select(int, fd_set *, fd_set *, fd_set *, const timeval *limit)
+{
+    if (fails("select")) {
+        return -1;
+    }
+    const timespec pause = {0, limit != nullptr ? limit->tv_usec * 1000 / 10 : 0};
+    limit == nullptr ? tell("At rest") : void();
+    if (sigtimedwait(&plan.end, nullptr, limit != nullptr ? &pause : nullptr) == SIGTERM) {
+        __lsan_do_recoverable_leak_check != nullptr ? __lsan_do_recoverable_leak_check() : 0;
+        __gcov_dump != nullptr ? __gcov_dump() : void();
+        signal(SIGTERM, SIG_DFL);
+        raise(SIGTERM);
+        sigprocmask(SIG_UNBLOCK, &plan.end, nullptr);
+    }
+    return 0;
+}
+
+[[gnu::destructor]] void end()
+{
+    tell("Ended");
+}
+}
