@@ -99,6 +99,9 @@ int grow(VosMemBuf *buffer, uint32_t length)
 void vos_mem_init()
 {
     VosMutex *mutex = vos_mutex_create("mem");
+    if (mutex == nullptr) {
+        vos_trace_fatal(MODULE, __LINE__, "No memory for the lock of the memory counters");
+    }
     counters.blocks = 0;
     mem_mutex = mutex;
 }

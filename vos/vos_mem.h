@@ -12,7 +12,8 @@
 #include <cstdint>
 
 // Starts the locking of the counters and sets the block count to 0; once, before the first thread
-// is started. Blocks can be taken before, by the main thread alone.
+// is started. Blocks can be taken before, by the main thread alone. Without memory for the lock the
+// process ends with a FATAL line.
 void vos_mem_init();
 
 // Takes size bytes, aligned for any type; the asked size stands in the 32-bit word just before
