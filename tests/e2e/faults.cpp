@@ -15,7 +15,8 @@ struct Plan {
     sigset_t end{};
     Plan()
     {
-        std::istringstream words(getenv("FAULT"));
+        const char *fault = getenv("FAULT");
+        std::istringstream words(fault != nullptr ? fault : "");
         std::getline(words >> name >> first >> count >> number >> std::ws, text);
         sigaddset(&end, SIGTERM);
         sigprocmask(SIG_BLOCK, &end, nullptr);
@@ -53,7 +54,7 @@ const char *__lsan_default_options()
     long __real_##name(long, long, long, long, long);                                              \
     long __wrap_##name(long a, long b, long c, long d, long e)                                     \
     {                                                                                              \
-        return fails(#name) ? failure : __real_##name(a, b, c, d, e);                              \
+        return fails(#name) ? (failure) : __real_##name(a, b, c, d, e);                            \
     }
 FAULTY(malloc, 0)
 FAULTY(calloc, 0)
