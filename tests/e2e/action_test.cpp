@@ -61,18 +61,6 @@ TEST(Action, SendsExactRequests)
     }
 }
 
-TEST(Action, PrintsTheParameterRead)
-{
-    Peer modem;
-    Process tool("-g 101");
-    tool.register_modem(modem);
-    const int id = modem.expect_request("GET config_get_param_req 1 1");
-    modem.reply(encode(ACK, CONTENT, id, "", "", unhex("1 1 2 A FF")));
-    tool.ignore_rest(); // main's line about the result may be anywhere
-    tool.skip_to("INFO:Param req : 0x101 len:2, value:\n");
-    tool.skip_to("DUMP:app_lan:0A FF \n");
-}
-
 // A command that waits for its answer.
 struct Exchange : testing::Test {
     Peer modem;

@@ -1,7 +1,6 @@
 #include "vos_mem.h"
 
 #include "support.h"
-#include "vos_fs.h"
 #include "vos_util_linux.h"
 
 namespace
@@ -73,28 +72,5 @@ TEST(MemBuf, GrowsByDoublingWithin32Bits)
               "ERROR:vos_mem:Memory overflow||");
     EXPECT_EQ(vos_mem_buf_delete(&buffer), 1);
     EXPECT_EQ(vos_mem_get_nbpools(), 0U);
-}
-
-// Each allocation of a call is made to fail in turn.
-TEST(Mem, FailedAllocationsAreErrorsAndLoseNothing)
-{
-    const Scratch scratch;
-    const std::function<int()> calls[] = {
-        [&] { return vos_fs_copy_rel_file("/proc/self", "stat", scratch.path.c_str()) - 1; },
-        [] {
-            VosQueue *list = vos_queue_create(0, nullptr);
-            const int index = list != nullptr ? vos_queue_append(list, nullptr) : -1;
-            return vos_queue_destroy(&list), index;
-        }};
-    for (const auto &call : calls) {
-        for (int nth = 1, left = 0; left == 0; ++nth) {
-            int result = 0;
-            fail_allocation = nth;
-            output_of([&] { result = call(); });
-            left = fail_allocation.exchange(0);
-            EXPECT_EQ(result < 0, left == 0) << nth;
-            EXPECT_EQ(vos_mem_get_nbpools(), 0U);
-        }
-    }
 }
 } // namespace

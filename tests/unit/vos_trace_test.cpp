@@ -71,10 +71,4 @@ TEST(Trace, DumpWritesEveryByteInWholeLines)
         EXPECT_EQ(unhex(lines), Bytes(size, 0xA5));
     }
 }
-
-TEST(TraceDeathTest, FatalWritesItsLineAndExits)
-{
-    EXPECT_EXIT((dup2(STDERR_FILENO, STDOUT_FILENO), vos_trace_fatal("m", 42, "gone %d", 7)),
-                testing::ExitedWithCode(1), "^[0-9]{8}-[0-9]{6}:FATAL:m:42:gone 7\n$");
-}
 } // namespace
