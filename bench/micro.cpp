@@ -8,6 +8,7 @@
 #include "vos_trace.h"
 
 #include <benchmark/benchmark.h>
+#include <bit>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -20,7 +21,7 @@ constexpr uint8_t DATA[256] = {0x2C, 0x44, 0x2D, 0x2C, 0x78, 0x56, 0x34, 0x12, 0
 
 void trace_line(benchmark::State &state)
 {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         vos_trace_debug("bench", __LINE__, "Receive RF frame from EndPoint [%s] on modem [%x]",
                         "2d 2c / 78 56 34 12 01 07", 0xA1B2C3U);
     }
@@ -29,7 +30,7 @@ BENCHMARK(trace_line);
 
 void trace_dump(benchmark::State &state)
 {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         vos_trace_dump("bench", __LINE__, DATA, static_cast<uint32_t>(state.range(0)));
     }
 }
@@ -42,7 +43,7 @@ void whole_frame(benchmark::State &state)
     memcpy(payload + 17, DATA, 40);
     coap_address_t from;
     coap_address_init(&from);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         lan_handle_rx_msg(&from, payload, sizeof payload);
     }
 }
@@ -51,16 +52,21 @@ BENCHMARK(whole_frame);
 void format_endpoint(benchmark::State &state)
 {
     char text[LAN_ENDPOINT_SIZE];
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(lan_format_endpoint(DATA, 40, text));
+    const uint8_t *data = DATA;
+    while (state.KeepRunning()) {
+        benchmark::DoNotOptimize(data);
+        lan_format_endpoint(data, 40, text);
+        benchmark::ClobberMemory();
     }
 }
 BENCHMARK(format_endpoint);
 
 void read_header(benchmark::State &state)
 {
-    for (auto _ : state) {
-        LanReader reader{DATA, LAN_RX_HEADER_SIZE};
+    const uint8_t *data = DATA;
+    while (state.KeepRunning()) {
+        benchmark::DoNotOptimize(data);
+        LanReader reader{data, LAN_RX_HEADER_SIZE};
         benchmark::DoNotOptimize(lan_read_u32(&reader));
         benchmark::DoNotOptimize(lan_read_u32(&reader));
         benchmark::DoNotOptimize(lan_read_u16(&reader));
@@ -73,7 +79,7 @@ BENCHMARK(read_header);
 
 void allocate_and_free(benchmark::State &state)
 {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         uint8_t *block = nullptr;
         vos_mem_alloc(&block, static_cast<uint32_t>(state.range(0)));
         benchmark::DoNotOptimize(block);
@@ -85,10 +91,10 @@ BENCHMARK(allocate_and_free)->Arg(57)->Arg(1024);
 // A message to itself: what post and receive cost without a switch of threads.
 uint32_t run_mailbox(VosTask *self, uintptr_t argument)
 {
-    auto &state = *reinterpret_cast<benchmark::State *>(argument);
+    auto &state = *std::bit_cast<benchmark::State *>(argument);
     uint8_t byte = 0;
     void *message = &byte;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         vos_mbx_send(self, &message);
         vos_mbx_receive(self, &message, 1);
     }
@@ -97,7 +103,7 @@ uint32_t run_mailbox(VosTask *self, uintptr_t argument)
 
 void post_and_receive(benchmark::State &state)
 {
-    vos_thread_create(run_mailbox, 6, "bench", reinterpret_cast<uintptr_t>(&state));
+    vos_thread_create(run_mailbox, 6, "bench", std::bit_cast<uintptr_t>(&state));
     while (vos_task_count() > 1 || state.iterations() == 0) {
         usleep(1000);
     }
