@@ -1,5 +1,5 @@
 // A modem's answers to one request, whose exchange ends with a valid one at the latest.
-#include <poll.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 #include "coap_client.h"
@@ -11,11 +11,11 @@ FuzzedDataProvider *answers;
 int modem;
 } // namespace
 
-extern "C" int __real_poll(pollfd *sockets, nfds_t count, int timeout);
-extern "C" int __wrap_poll(pollfd *sockets, nfds_t count, int timeout)
+extern "C" int __real_epoll_wait(int library, epoll_event *events, int room, int timeout);
+extern "C" int __wrap_epoll_wait(int library, epoll_event *events, int room, int timeout)
 {
-    // The client waits. Some datagrams never reach it: the kernel drops what is no message.
-    while (sockets->events == POLLIN && __real_poll(sockets, count, 0) == 0) {
+    // The client waits, again when it has dropped what came.
+    while (__real_epoll_wait(library, events, room, 0) == 0) {
         char request[4];
         coap_address_t client = modem_address(0);
         recvfrom(modem, request, sizeof request, MSG_PEEK, &client.addr.sa, &client.size);
@@ -26,7 +26,7 @@ extern "C" int __wrap_poll(pollfd *sockets, nfds_t count, int timeout)
         }
         sendto(modem, datagram.data(), datagram.size(), 0, &client.addr.sa, client.size);
     }
-    return __real_poll(sockets, count, timeout);
+    return __real_epoll_wait(library, events, room, timeout);
 }
 
 void fuzz(FuzzedDataProvider &&input)

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <poll.h>
 #include <string_view>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include "app_lan.h"
@@ -288,6 +288,24 @@ bool has_message(int descriptor)
     return size >= 0;
 }
 
+// Waits at most that long for the library's timer or for the socket, and has the library read what
+// came. The timer only brings the retransmission forward: the library itself would go by the time
+// of day.
+void wait_for_event(coap_context_t *context, int descriptor, int64_t timeout_ms,
+                    Retransmission *retransmission)
+{
+    epoll_event event{};
+    const int ready =
+        epoll_wait(coap_context_get_coap_fd(context), &event, 1, static_cast<int>(timeout_ms));
+    if (ready < 0 && errno != EINTR) {
+        perror("select");
+    } else if (ready > 0 && event.data.ptr == nullptr) {
+        retransmission->due_ms = 0;
+    } else if (ready > 0 && has_message(descriptor)) {
+        coap_io_do_epoll(context, &event, 1);
+    }
+}
+
 // Runs the exchange until nothing is pending or the time is over.
 void wait_for_exchange(coap_context_t *context, int descriptor)
 {
@@ -304,15 +322,9 @@ void wait_for_exchange(coap_context_t *context, int descriptor)
         if (now >= retransmission.due_ms) {
             discard_socket_error(descriptor);
             retransmit(context, &retransmission);
-            continue;
-        }
-        pollfd socket{descriptor, POLLIN, 0};
-        const int ready =
-            poll(&socket, 1, static_cast<int>(std::min(retransmission.due_ms, deadline) - now));
-        if (ready < 0 && errno != EINTR) {
-            perror("select");
-        } else if (ready > 0 && has_message(descriptor)) {
-            coap_server_read(context, 0);
+        } else {
+            wait_for_event(context, descriptor, std::min(retransmission.due_ms, deadline) - now,
+                           &retransmission);
         }
     }
 }
@@ -325,7 +337,9 @@ void send_and_wait(coap_context_t *context, coap_session_t *session, coap_pdu_t 
         coap_show_pdu(LOG_DEBUG, pdu);
     }
     const uint16_t port = coap_address_get_port(coap_session_get_addr_local(session));
-    const int descriptor = coap_server_find_socket(port, coap_context_get_coap_fd(context));
+    // The library opens its own descriptor, a timer, then the session's socket.
+    const int first = coap_context_get_coap_fd(context) + 2;
+    const int descriptor = coap_server_find_socket(port, first);
     if (descriptor < 0) {
         vos_trace_error(MODULE, __LINE__, "Can't find the socket on port %d", port);
         coap_delete_pdu(pdu);

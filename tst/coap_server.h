@@ -35,8 +35,8 @@ int coap_server_get_ipv4_addr(const char *interface, char *text);
 bool coap_server_read(coap_context_t *context, int timeout_ms);
 
 // Descriptor of this process's UDP socket that is bound to the local IPv4 port, -1 when none; the
-// CoAP library keeps its descriptors to itself. The search begins at first, which is quick when
-// that is the context's own descriptor: its sockets are opened after it.
+// CoAP library keeps its descriptors to itself. The search begins at first, a guess that makes
+// it quick, and goes on with the others.
 int coap_server_find_socket(uint16_t port, int first);
 
 #endif
