@@ -54,7 +54,7 @@ void NoiseSender::tick(Time now)
     while (m_next && *m_next <= now) {
         *m_next += *m_interval;
         const Bytes datagram = m_noise.next();
-        const int port = m_sockets[m_turn++ % m_sockets.size()].get();
+        const int port = m_sockets[static_cast<size_t>(m_turn++ % m_sockets.size())].get();
         const ssize_t sent =
             sendto(port, datagram.data(), datagram.size(), 0,
                    reinterpret_cast<const sockaddr *>(&m_gateway), sizeof m_gateway);
