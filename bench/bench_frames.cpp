@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -97,6 +98,7 @@ private:
 void announce(Modem &modem, Process &process)
 {
     for (int attempt = 0; attempt < 1000; ++attempt) {
+        process.must_run();
         modem.send(0, request(Type::non_confirmable, POST, ANNOUNCEMENT, "info_ind",
                               information(0xA1B2C3)));
         for (const Answer &answer : modem.receive(process, milliseconds(10))) {
@@ -127,10 +129,12 @@ public:
     {
     }
 
-    Counts run(uint32_t count)
+    // rate: frames a second at most, 0: no limit.
+    Counts run(uint32_t count, double rate)
     {
         Counts counts;
         m_start = Clock::now();
+        m_rate = rate;
         while (counts.sent < count || !m_open.empty()) {
             fill_window(count, counts);
             for (const Answer &answer : m_modem.receive(m_process, milliseconds(1))) {
@@ -145,7 +149,7 @@ private:
     bool is_due(uint32_t sent) const
     {
         const std::chrono::duration<double> passed = Clock::now() - m_start;
-        return m_options.rate == 0 || sent < passed.count() * m_options.rate;
+        return m_rate == 0 || sent < passed.count() * m_rate;
     }
 
     // Confirmable frames replace each answer by the next; the others go out in bursts.
@@ -190,6 +194,7 @@ private:
     std::map<uint32_t, Clock::time_point> m_open;
     uint32_t m_next = 0;
     Clock::time_point m_start;
+    double m_rate = 0;
 };
 
 double percentile(std::vector<double> &values, double part)
@@ -210,15 +215,23 @@ void measure_frames(const Options &options)
     Process process(options.program, options.output);
     announce(modem, process);
     Load load(options, modem, process);
-    load.run(std::max(WARM_UP, options.sources));
+    const uint32_t warm_up = std::max(WARM_UP, options.sources);
+    const uint64_t bytes_before = process.output_bytes();
+    load.run(warm_up, 0);
     const uint64_t cpu_before = process.wait_until_quiet();
+    const uint64_t warm_bytes = process.output_bytes() - bytes_before;
     printf("warm_peak_kb %lu\n", process.peak_kb());
     const auto begin = Clock::now();
-    Counts counts = load.run(options.count);
+    Counts counts = load.run(options.count, options.rate);
     const std::chrono::duration<double> seconds = Clock::now() - begin;
     const auto cpu = static_cast<double>(process.wait_until_quiet() - cpu_before);
     printf("sent %u\nanswered %u\nrefused %u\nlost %u\nseconds %.3f\n", counts.sent,
            counts.answered, counts.refused, counts.lost, seconds.count());
+    if (warm_bytes != 0) { // every frame gives as many bytes
+        const uint64_t bytes = process.output_bytes() - bytes_before - warm_bytes;
+        printf("unwritten %ld\n", lround(options.count - static_cast<double>(bytes) * warm_up /
+                                                             static_cast<double>(warm_bytes)));
+    }
     printf("cpu_us %.3f\nanswer_p50_us %.1f\nanswer_p99_us %.1f\npeak_kb %lu\n",
            cpu / 1000 / options.count, percentile(counts.answer_us, 0.5),
            percentile(counts.answer_us, 0.99), process.peak_kb());

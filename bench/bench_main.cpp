@@ -17,7 +17,7 @@ namespace
 
 constexpr char USAGE[] =
     "Usage: bench-load frames|latency|packets|start|idle [OPTION...] -- PROGRAM [ARGUMENT...]\n"
-    "  -n COUNT    frames or packets\n"
+    "  -n COUNT    frames or packets, from 1000 on\n"
     "  -w WINDOW   frames without an answer at a time\n"
     "  -r RATE     frames a second at most\n"
     "  -s SIZE     bytes of a report, from 27 on\n"
@@ -26,6 +26,8 @@ constexpr char USAGE[] =
     "  -o          the program writes to a pipe that is read, not to /dev/null\n"
     "  -t SECONDS  of idle\n"
     "  -l LINE     of the output that ends start\n";
+
+constexpr uint32_t MAX_SOURCES = 1000; // a process has 1024 descriptors
 
 bool run(std::string_view measure, const bench::Options &options, const std::string &line)
 {
@@ -62,13 +64,17 @@ int main(int argc, char **argv)
 {
     bench::Options options;
     std::string line = "Start CoAP server";
-    const std::string_view measure = argc > 1 ? argv[1] : "";
+    if (argc < 2) {
+        fputs(USAGE, stderr);
+        return EXIT_FAILURE;
+    }
+    const std::string_view measure = argv[1];
     int option = 0;
     optind = 2;
     while ((option = getopt(argc, argv, "+n:w:r:s:p:uot:l:")) != -1) {
         switch (option) {
         case 'n':
-            options.count = number(optarg, 100, 100'000'000);
+            options.count = number(optarg, 1000, 100'000'000);
             break;
         case 'w':
             options.window = number(optarg, 1, 10'000);
@@ -80,7 +86,7 @@ int main(int argc, char **argv)
             options.payload = number(optarg, 27, 1300);
             break;
         case 'p':
-            options.sources = number(optarg, 1, 20'000);
+            options.sources = number(optarg, 1, MAX_SOURCES);
             break;
         case 'u':
             options.confirmable = false;

@@ -47,8 +47,9 @@ void measure_packets(const Options &options)
         pollfd ready{descriptor, POLLIN, 0};
         process.read_output();
         if (poll(&ready, 1, 10) == 0) {
+            process.must_run();
             if (++silent == 1000) {
-                throw std::runtime_error("the program sends nothing");
+                throw std::runtime_error("the program sends no packets");
             }
             if (packets == 0) {
                 sendto(descriptor, announcement.data(), announcement.size(), 0,
@@ -56,15 +57,17 @@ void measure_packets(const Options &options)
             }
             continue;
         }
-        silent = 0;
         std::array<char, 2048> message;
         sockaddr_in from{};
         socklen_t from_size = sizeof from;
         const ssize_t size = recvfrom(descriptor, message.data(), message.size(), 0,
                                       reinterpret_cast<sockaddr *>(&from), &from_size);
         const std::string_view text(message.data(), size < 0 ? 0 : static_cast<size_t>(size));
-        if (text.find(PACKET_RESOURCE) != std::string_view::npos && ++packets == WARM_UP) {
-            cpu_before = process.cpu_ns();
+        if (text.find(PACKET_RESOURCE) != std::string_view::npos) {
+            silent = 0;
+            if (++packets == WARM_UP) {
+                cpu_before = process.cpu_ns();
+            }
         }
         if (packets == options.count) {
             const auto cpu = static_cast<double>(process.cpu_ns() - cpu_before);

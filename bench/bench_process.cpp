@@ -3,13 +3,15 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
-#include <spawn.h>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -44,25 +46,30 @@ uint64_t field(const std::string &path, const std::string &name)
 Process::Process(const std::vector<std::string> &command, Output output)
 {
     std::array<int, 2> ends{-1, -1};
-    if (output == Output::null) {
-        ends[1] = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    } else if (pipe2(ends.data(), O_CLOEXEC) != 0 || fcntl(ends[0], F_SETFL, O_NONBLOCK) != 0) {
-        refuse("pipe");
+    if (output == Output::pipe) {
+        if (pipe2(ends.data(), O_CLOEXEC) != 0 || fcntl(ends[0], F_SETFL, O_NONBLOCK) != 0) {
+            refuse("pipe");
+        }
+    } else if ((ends[1] = open("/dev/null", O_WRONLY | O_CLOEXEC)) < 0) {
+        refuse("/dev/null");
     }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
     std::vector<char *> arguments;
     arguments.reserve(command.size() + 1);
     for (const std::string &argument : command) {
         arguments.push_back(const_cast<char *>(argument.c_str()));
     }
     arguments.push_back(nullptr);
-    errno = posix_spawnp(&m_pid, arguments[0], &actions, nullptr, arguments.data(), environ);
-    if (errno != 0) {
-        refuse(command[0]);
+    m_pid = fork();
+    if (m_pid < 0) {
+        refuse("fork");
     }
-    posix_spawn_file_actions_destroy(&actions);
+    if (m_pid == 0) {
+        if (prctl(PR_SET_PDEATHSIG, SIGTERM) == 0 && dup2(ends[1], STDOUT_FILENO) >= 0) {
+            execvp(arguments[0], arguments.data());
+        }
+        perror(arguments[0]);
+        _exit(EXIT_FAILURE);
+    }
     close(ends[1]);
     m_output = ends[0];
 }
@@ -84,7 +91,17 @@ size_t Process::read_output()
     while (m_output >= 0 && (size = read(m_output, buffer.data(), buffer.size())) > 0) {
         total += static_cast<size_t>(size);
     }
+    m_output_bytes += total;
     return total;
+}
+
+void Process::must_run() const
+{
+    siginfo_t ended{};
+    if (waitid(P_PID, static_cast<id_t>(m_pid), &ended, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+        ended.si_pid != 0) {
+        throw std::runtime_error("the program has ended");
+    }
 }
 
 std::vector<std::string> Process::threads() const

@@ -1,5 +1,6 @@
-// The process under measurement: started with its standard output in a pipe, looked at through
-// /proc. Everything here throws std::runtime_error when the system refuses.
+// The process under measurement: started with its standard output in a pipe or in /dev/null, looked
+// at through /proc, ended with this program at the latest. Everything here throws
+// std::runtime_error when the system refuses, or when the program has ended by itself.
 #pragma once
 
 #include <chrono>
@@ -25,6 +26,8 @@ public:
 
     int output() const { return m_output; } // reading end, does not block; -1 without a pipe
     size_t read_output();                   // takes what is there; number of bytes
+    uint64_t output_bytes() const { return m_output_bytes; } // taken so far
+    void must_run() const;
 
     uint64_t cpu_ns() const;                     // of all its threads so far
     uint64_t wait_until_quiet();                 // ... once they have done what they were given
@@ -37,6 +40,7 @@ private:
 
     pid_t m_pid;
     int m_output = -1;
+    uint64_t m_output_bytes = 0;
 };
 
 } // namespace bench
