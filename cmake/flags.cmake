@@ -10,7 +10,8 @@ target_compile_options(wmbusctl_flags INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wformat=2
   -Wcast-align$<$<CXX_COMPILER_ID:GNU>:=strict> # as on a processor that is particular about it
   $<$<BOOL:${WMBUSCTL_WERROR}>:-Werror>
-  -fstack-protector-strong)
+  -fstack-protector-strong
+  -fPIE) # the libraries, too, only go into programs
 target_link_options(wmbusctl_flags INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
 target_link_libraries(wmbusctl_flags INTERFACE Threads::Threads)
 
@@ -35,7 +36,7 @@ target_link_options(wmbusctl_flags INTERFACE ${sanitizers})
 # program whose property WMBUSCTL_LTO is set is optimized as a whole; the others, such as tests that
 # replace functions, take the same objects as they are.
 set(whole $<BOOL:$<TARGET_PROPERTY:WMBUSCTL_LTO>>)
-set(optimized $<AND:$<CXX_COMPILER_ID:GNU>,$<CONFIG:Release,MinSizeRel>>)
+set(optimized $<AND:$<CXX_COMPILER_ID:GNU>,$<NOT:$<CONFIG:Debug>>>)
 add_library(wmbusctl_plain INTERFACE)
 target_compile_options(wmbusctl_plain INTERFACE
   -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections
