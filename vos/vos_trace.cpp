@@ -60,10 +60,16 @@ struct Stamp {
 constexpr time_t NO_TIME = std::numeric_limits<time_t>::min();
 thread_local Stamp stamp{NO_TIME, 0, 0, ""};
 
-void renew_stamp(time_t now)
+tm broken_down(time_t now)
 {
     tm utc{};
     gmtime_r(&now, &utc);
+    return utc;
+}
+
+void renew_stamp(time_t now)
+{
+    const tm utc = broken_down(now);
     stamp.second = now;
     stamp.day = utc.tm_mday;
     const int printed =
@@ -95,7 +101,8 @@ struct Prefix {
     char text[64];
 };
 
-// Those of the places where the thread traced last; most threads trace from a handful.
+// Those of the places where the thread traced last; most threads trace from a handful, and a
+// frame's lines come from five.
 thread_local Prefix prefixes[32];
 
 void begin_line_at(Line *line, const Level &level, const char *source, int number)
@@ -253,10 +260,7 @@ void vos_trace_dump(const char *source, int line, const void *data, uint32_t len
 
 tm vos_trace_utc_now()
 {
-    const time_t now = time(nullptr);
-    tm utc{};
-    gmtime_r(&now, &utc);
-    return utc;
+    return broken_down(time(nullptr));
 }
 
 void vos_trace_set_files(const VosTraceFiles *files)

@@ -33,6 +33,29 @@ TEST(Trace, LinesArePrefixedInUtcAndCut)
     }
 }
 
+TEST(Trace, PrefixesAreThoseOfTheirPlaces)
+{
+    fake_clock = {1795380088, 0};
+    const std::string longest(100, 's');
+    for (const auto &[source, line] : Table<std::string, int>{{"m", 10},
+                                                              {"m", 42},
+                                                              {"n", 42},
+                                                              {"", 42},
+                                                              {"m", 10},
+                                                              {"m", -22},
+                                                              {longest.substr(85), 10},
+                                                              {longest.substr(84), 10},
+                                                              {longest, INT_MIN},
+                                                              {longest + "x", INT_MIN},
+                                                              {"m", 10}}) {
+        const auto trace = [&source = source, number = line] {
+            vos_trace_error(source.c_str(), number, "e");
+        };
+        EXPECT_EQ(output_of(trace), "20261122-204128:ERROR:" + source.substr(0, 100) + ':' +
+                                        std::to_string(line) + ":e\n");
+    }
+}
+
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 TEST(Trace, NumbersReadAsPrintfWritesThem)
 {
