@@ -32,13 +32,6 @@ void must(bool done)
     }
 }
 
-std::string whole_file(const std::string &path)
-{
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
-}
-
 sockaddr_in socket_address(const std::string &host, unsigned port)
 {
     return {AF_INET, htons(static_cast<std::uint16_t>(port)), {inet_addr(host.c_str())}, {}};
@@ -97,6 +90,12 @@ Bytes unhex(const std::string &digits)
         bytes += static_cast<char>(byte);
     }
     return bytes;
+}
+
+std::string content_of(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "-";
 }
 
 Bytes little_endian(std::size_t value, unsigned width)
@@ -264,7 +263,7 @@ Process::~Process()
         EXPECT_EQ(exit_status(), end_status_);
     }
     reader_.join();
-    const std::string errors = whole_file("/proc/self/fd/" + std::to_string(errors_));
+    const std::string errors = content_of("/proc/self/fd/" + std::to_string(errors_));
     close(errors_);
     EXPECT_EQ(errors.find("Sanitizer"), std::string::npos) << errors;
     EXPECT_EQ(errors.find("runtime error:"), std::string::npos) << errors;
@@ -361,7 +360,7 @@ int Process::exit_status()
 
 std::string Process::proc_file(const char *name) const
 {
-    return whole_file("/proc/" + std::to_string(pid_) + name);
+    return content_of("/proc/" + std::to_string(pid_) + name);
 }
 
 long Process::open_descriptors() const

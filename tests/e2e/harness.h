@@ -28,7 +28,8 @@ constexpr std::uint32_t SERIAL = 0xA1B2C3;
 extern int gateway_namespace;       // descriptor; -1 on the loopback interface
 std::string address(unsigned host); // 0 is the gateway, 1 to 6 are modems
 std::string text(const char *format, ...) __attribute__((format(printf, 1, 2)));
-std::string hex(const Bytes &bytes); // "0A FF ", as the tool dumps bytes
+std::string content_of(const std::string &path); // "-" when there is no such file
+std::string hex(const Bytes &bytes);             // "0A FF ", as the tool dumps bytes
 Bytes unhex(const std::string &digits);
 Bytes little_endian(std::size_t value, unsigned width);
 Bytes encode(int type, int code, int id, const Bytes &token = "", const std::string &path = "",
@@ -97,5 +98,16 @@ private:
     std::size_t next_ = 0;
     bool closed_ = false, paused_ = false, strict_ = true;
     std::thread reader_;
+};
+
+// A tool that has registered its first modem and has nothing to ask of it.
+struct Idle {
+    Peer modem;
+    Process tool{""};
+    Idle()
+    {
+        tool.register_modem(modem);
+        tool.expect("INFO:No action requested\n");
+    }
 };
 } // namespace e2e

@@ -13,16 +13,9 @@ namespace e2e
 {
 namespace
 {
-struct Load : testing::Test {
-    Peer modem;
-    Process tool{""};
+struct Load : testing::Test, Idle {
     std::vector<int> codes; // of the answers to numbered frames
 
-    void SetUp() override
-    {
-        tool.register_modem(modem);
-        tool.expect("INFO:No action requested\n");
-    }
     // At most eight frames are unanswered at a time; every answer must come within a second.
     void send_frames(std::size_t count)
     {

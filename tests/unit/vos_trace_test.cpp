@@ -79,19 +79,4 @@ TEST(Trace, NumbersReadAsPrintfWritesThem)
                   "INFO:" + std::string(wanted, 1023 - 21) + "|");
     }
 }
-
-TEST(Trace, DumpWritesEveryByteInWholeLines)
-{
-    const Bytes data(5000, 0xA5);
-    for (const auto &[size, count] : Table<uint32_t, int>{{0, 1}, {320, 1}, {5000, 16}}) {
-        std::string lines = lines_of([&, n = size] { vos_trace_dump("m", 7, data.data(), n); });
-        EXPECT_LE(lines.find('|'), 1023U - 18) << "with stamp and line number";
-        EXPECT_EQ(std::count(lines.begin(), lines.end(), '|'), count);
-        for (size_t at = 0; (at = lines.find("DUMP:m:")) != std::string::npos;) {
-            lines.erase(at, 7);
-        }
-        std::erase_if(lines, [](char c) { return c == ' ' || c == '|'; });
-        EXPECT_EQ(unhex(lines), Bytes(size, 0xA5));
-    }
-}
 } // namespace
