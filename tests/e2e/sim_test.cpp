@@ -33,13 +33,6 @@ TEST(Simulator, KeepsAParameterFromOneRunToTheNext)
     run_tool("-g 101", {"INFO:Param req : 0x101 len:2, value:\n", "DUMP:app_lan:0A FF \n"});
 }
 
-TEST(Simulator, ReportsFramesOnceStarted)
-{
-    Process modem(options("--rate max --count 50"), SIMULATOR);
-    modem.ignore_rest();
-    run_tool("-r 16", std::vector<std::string>(50, "] on modem [a1b2c3]\n"));
-}
-
 TEST(Dissector, ShowsWhatGoesOverTheWire)
 {
     const std::string tshark = "/usr/bin/tshark";
