@@ -89,25 +89,4 @@ TEST(Mailbox, WakeUpsWithoutAMessageAreTracedAndEndNoWait)
         EXPECT_NE(lines.find(line), std::string::npos) << lines;
     }
 }
-
-TEST(Mailbox, EveryMessageOfManySendersArrivesOnceAndInOrder)
-{
-    constexpr uint32_t MESSAGES = 3000;
-    const BodyTask task([](VosTask *self) {
-        uint32_t next[4] = {};
-        for (uint32_t i = 0; i < 4 * MESSAGES; ++i) {
-            const uint32_t number = receive_number(self);
-            EXPECT_EQ(number % MESSAGES, next[number / MESSAGES]++);
-        }
-        EXPECT_FALSE(vos_mbx_pending(self));
-    });
-    std::vector<std::jthread> senders;
-    for (uint32_t first = 0; first < 4 * MESSAGES; first += MESSAGES) {
-        senders.emplace_back([first, &task] {
-            for (uint32_t i = 0; i < MESSAGES; ++i) {
-                EXPECT_EQ(send_number(task.handle, first + i), 1);
-            }
-        });
-    }
-}
 } // namespace
