@@ -36,23 +36,13 @@ TEST(Trace, LinesArePrefixedInUtcAndCut)
 TEST(Trace, PrefixesAreThoseOfTheirPlaces)
 {
     fake_clock = {1795380088, 0};
-    const std::string longest(100, 's');
-    for (const auto &[source, line] : Table<std::string, int>{{"m", 10},
-                                                              {"m", 42},
-                                                              {"n", 42},
-                                                              {"", 42},
-                                                              {"m", 10},
-                                                              {"m", -22},
-                                                              {longest.substr(85), 10},
-                                                              {longest.substr(84), 10},
-                                                              {longest, INT_MIN},
-                                                              {longest + "x", INT_MIN},
-                                                              {"m", 10}}) {
-        const auto trace = [&source = source, number = line] {
-            vos_trace_error(source.c_str(), number, "e");
-        };
-        EXPECT_EQ(output_of(trace), "20261122-204128:ERROR:" + source.substr(0, 100) + ':' +
-                                        std::to_string(line) + ":e\n");
+    for (const int line : {10, 42, -22, 10, INT_MIN}) {
+        for (const std::string source :
+             {"fifteen_letters", "m", "fifteen_letters", "", "16_letters_of_it"}) {
+            const auto trace = [&] { vos_trace_error(source.c_str(), line, "e"); };
+            EXPECT_EQ(output_of(trace),
+                      "20261122-204128:ERROR:" + source + ':' + std::to_string(line) + ":e\n");
+        }
     }
 }
 
@@ -60,11 +50,8 @@ TEST(Trace, PrefixesAreThoseOfTheirPlaces)
 TEST(Trace, NumbersReadAsPrintfWritesThem)
 {
     for (const char *format : {"%d", "<%u>", "%x,", "%03d", "%09d%%", "%5d", "%-4d", "%02X"}) {
-        for (const int number :
-             {0,         9,         10,         99,         100,           999,
-              1000,      9999,      10'000,     99'999,     100'000,       999'999,
-              1'000'000, 9'999'999, 10'000'000, 99'999'999, 1'000'000'000, INT_MAX,
-              -1,        -9,        -10,        -999,       INT_MIN,       0xA1B2C3}) {
+        for (const int number : {0, 9, 10, 99, 100, 999, 1000, 9999, 10'000, 123'456, 7'000'000,
+                                 89'012'345, 1'000'000'000, INT_MAX, -1, -999, INT_MIN}) {
             char wanted[64];
             snprintf(wanted, sizeof wanted, format, number);
             EXPECT_EQ(lines_of([&] { vos_trace_info(format, number); }),
