@@ -169,7 +169,8 @@ TEST(Registration, TakesFiveModemsAndActsOnTheFirst)
                  {6, "info_ind", info(0xA2, 2),
                   info_line(0xA2, 2) + "DEBUG:app_lan:Modem a2 is in RUNNING state\n"},
                  {6, "rx_msg_req", frame(data), frame_lines(data, 0xA2)},
-                 {3, "info_ind", info(0xA2, 2), info_line(0xA2, 2)}, // a3 is there, too
+                 {3, "info_ind", info(0xA2), // a3 is there, too
+                  info_line(0xA2) + "DEBUG:app_lan:Modem a2 is in READY state\n"},
                  {3, "rx_msg_req", frame(data), frame_lines(data, 0xA2)},
                  {2, "rx_msg_req", frame(data), frame_lines(data, 0)}};
     for (const auto &[modem, resource, payload, lines] : cases) {
