@@ -36,7 +36,7 @@ target_link_options(wmbusctl_flags INTERFACE ${sanitizers})
 # program whose property WMBUSCTL_LTO is set is optimized as a whole; the others, such as tests that
 # replace functions, take the same objects as they are.
 set(whole $<BOOL:$<TARGET_PROPERTY:WMBUSCTL_LTO>>)
-set(optimized $<AND:$<CXX_COMPILER_ID:GNU>,$<NOT:$<CONFIG:Debug>>>)
+set(optimized $<AND:$<CXX_COMPILER_ID:GNU>,$<NOT:$<CONFIG:Debug,RelWithDebInfo>>>)
 add_library(wmbusctl_plain INTERFACE)
 target_compile_options(wmbusctl_plain INTERFACE
   -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections
