@@ -42,7 +42,8 @@ TEST(CommandLine, EndsAtOnceWithMessageAndStatus)
     for (const auto &[arguments, message] : refused) {
         SCOPED_TRACE(arguments);
         Process tool(arguments);
-        tool.expect(message + '\n' + USAGE);
+        tool.expect(message + "\n");
+        tool.expect(USAGE);
         EXPECT_EQ(tool.exit_status(), 255);
     }
     const std::string accepted = "-u " + f1023 + " -d " + f1023 + " 64 5 -?";
