@@ -147,12 +147,27 @@ void join_multicast_group(int descriptor)
     }
 }
 
+// Hands what waits at the context's sockets to the library, after at most that time; false when
+// nothing did.
+bool read_sockets(coap_context_t *context, int timeout_ms)
+{
+    epoll_event events[MAX_EVENTS];
+    const int count = epoll_wait(coap_context_get_coap_fd(context), events, MAX_EVENTS, timeout_ms);
+    if (count > 0) {
+        coap_io_do_epoll(context, events, static_cast<size_t>(count));
+    } else if (count < 0 && errno != EINTR) {
+        perror("select");
+        vos_util_sleep(1); // an error that stays must not spin
+    }
+    return count > 0;
+}
+
 // The library's timer wakes a turn when it has something to send; what is due without it, after the
 // clock was set, goes out at the latest with the end of a turn.
 void serve(coap_context_t *context)
 {
     while (quit_flag.load(std::memory_order_relaxed) == 0) {
-        if (!coap_server_read(context, TURN_MS)) {
+        if (!read_sockets(context, TURN_MS)) {
             coap_tick_t now = 0;
             coap_ticks(&now);
             coap_io_prepare_epoll(context, now);
@@ -226,19 +241,6 @@ int coap_server_get_ipv4_addr(const char *interface, char *text)
     }
     close(descriptor);
     return result;
-}
-
-bool coap_server_read(coap_context_t *context, int timeout_ms)
-{
-    epoll_event events[MAX_EVENTS];
-    const int count = epoll_wait(coap_context_get_coap_fd(context), events, MAX_EVENTS, timeout_ms);
-    if (count > 0) {
-        coap_io_do_epoll(context, events, static_cast<size_t>(count));
-    } else if (count < 0 && errno != EINTR) {
-        perror("select");
-        vos_util_sleep(1); // an error that stays must not spin
-    }
-    return count > 0;
 }
 
 int coap_server_find_socket(uint16_t port, int first)

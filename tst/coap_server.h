@@ -29,11 +29,6 @@ coap_context_t *coap_server_get_context(const char *host, const char *service);
 // characters. 1, or -1 (text untouched) when it has none.
 int coap_server_get_ipv4_addr(const char *interface, char *text);
 
-// Hands what waits at the context's sockets to the library, after at most timeout_ms (0: at once).
-// Unlike the library's own loop it does not look at the time of day when nothing waits. False when
-// nothing did. Called by the context's thread.
-bool coap_server_read(coap_context_t *context, int timeout_ms);
-
 // Descriptor of this process's UDP socket that is bound to the local IPv4 port, -1 when none; the
 // CoAP library keeps its descriptors to itself. The search begins at first, a guess that makes
 // it quick, and goes on with the others.
