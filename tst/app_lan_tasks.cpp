@@ -138,19 +138,20 @@ int lan_start()
     memset(lan_state.table, 0, sizeof lan_state.table);
     memset(lan_state.counters, 0, sizeof lan_state.counters);
     if (lan_state.itf_task == nullptr) {
-        lan_state.itf_task = vos_task_create(_lan_itf_task, TASK_PRIORITY, "_lan_itf_task", 0,
-                                             VOS_THREAD_STACK_SIZE);
+        lan_state.itf_task =
+            vos_task_start(_lan_itf_task, TASK_PRIORITY, "_lan_itf_task", 0, VOS_THREAD_STACK_SIZE);
     }
     if (lan_state.modem_task == nullptr) {
-        lan_state.modem_task = vos_task_create(_lan_modem_task, TASK_PRIORITY, "_lan_modem_task", 0,
-                                               VOS_THREAD_STACK_SIZE);
+        lan_state.modem_task = vos_task_start(_lan_modem_task, TASK_PRIORITY, "_lan_modem_task", 0,
+                                              VOS_THREAD_STACK_SIZE);
     }
     if (lan_state.rx_thread == nullptr) {
-        lan_state.rx_thread = vos_thread_create(run_server, TASK_PRIORITY, "lan_itf_rx_thread", 0);
+        lan_state.rx_thread = vos_task_start(run_server, TASK_PRIORITY, "lan_itf_rx_thread", 0,
+                                             VOS_THREAD_STACK_SIZE);
     }
     if (lan_state.itf_task == nullptr || lan_state.modem_task == nullptr ||
         lan_state.rx_thread == nullptr) {
-        vos_trace_fatal(MODULE, __LINE__, "No memory for the LAN tasks");
+        vos_trace_fatal(MODULE, __LINE__, "Can't start all of the LAN tasks");
     }
     return 1;
 }

@@ -362,6 +362,7 @@ bool run_exchange(coap_context_t *context, const coap_address_t *remote, uint16_
     coap_session_set_mtu(session, COAP_MAX_MESSAGE_SIZE);
     coap_pdu_t *pdu = build_pdu(session, port, request, payload, payload_length);
     if (pdu == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "No memory for the request %s", request.name);
         return false;
     }
     send_and_wait(context, session, pdu);

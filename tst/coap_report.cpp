@@ -3,15 +3,20 @@
 #include <algorithm>
 #include <coap3/coap.h>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <iterator>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "vos_trace.h"
+
 namespace
 {
 
+constexpr char MODULE[] = "coap_report";
+constexpr int LIBRARY_EXIT = -1;
 constexpr size_t LINE_SIZE = 512; // below PIPE_BUF: a pipe takes such a line whole or not at all
 
 // Standard error opened once more, without blocking, when it is a pipe or a terminal. The flag
@@ -40,10 +45,21 @@ void report(coap_log_t level, const char *message)
     }
 }
 
+// The library ends the process by itself, and silently, when a table of its own finds no memory.
+void report_end(int status, void * /*argument*/)
+{
+    if (status == LIBRARY_EXIT) {
+        vos_trace_fatal(MODULE, __LINE__, "No memory for a table of the CoAP library");
+    }
+}
+
 } // namespace
 
 void coap_report_start()
 {
+    if (on_exit(report_end, nullptr) != 0) {
+        vos_trace_warning(MODULE, __LINE__, "Can't watch for the end of the process");
+    }
     struct statx status = {};
     if (statx(STDERR_FILENO, "", AT_EMPTY_PATH, STATX_TYPE, &status) == 0 &&
         (S_ISFIFO(status.stx_mode) || S_ISCHR(status.stx_mode))) {
