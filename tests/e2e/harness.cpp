@@ -263,14 +263,13 @@ Process::~Process()
         EXPECT_EQ(exit_status(), end_status_);
     }
     reader_.join();
-    const std::string errors = content_of("/proc/self/fd/" + std::to_string(errors_));
-    close(errors_);
-    EXPECT_EQ(errors.find("Sanitizer"), std::string::npos) << errors;
-    EXPECT_EQ(errors.find("runtime error:"), std::string::npos) << errors;
+    EXPECT_EQ(errors().find("Sanitizer"), std::string::npos) << errors();
+    EXPECT_EQ(errors().find("runtime error:"), std::string::npos) << errors();
     if (strict_) {
-        EXPECT_EQ(errors, expected_errors_);
+        EXPECT_EQ(errors(), expected_errors_);
         EXPECT_EQ(output_.substr(next_) + rest_, "") << "is not expected";
     }
+    close(errors_);
 }
 
 void Process::read_output(int pipe)

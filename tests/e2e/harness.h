@@ -83,6 +83,7 @@ public:
     void ignore_rest() { strict_ = false; }
     void pause_reading(bool pause);
     int exit_status(); // waits for the program to end by itself
+    std::string errors() const { return content_of("/proc/self/fd/" + std::to_string(errors_)); }
     std::string proc_file(const char *name) const;
     long open_descriptors() const;
 
