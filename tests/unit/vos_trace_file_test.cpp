@@ -91,8 +91,14 @@ TEST(TraceFile, RotatesBySizeAndKeepsTheYoungest)
         << "two more of the same second";
     EXPECT_EQ(names_in("l").size(), 12U);
     vos_trace_set_file_count(1);
-    vos_trace_new_file();
-    EXPECT_EQ(names_in("l").size(), 1U + 2);
+    for (void (*step)() :
+         {+[] { fake_clock.tv_sec += 3600; }, +[] { fake_clock.tv_sec -= 7200; }}) {
+        on_allocation = step; // in the middle of it
+        vos_trace_new_file();
+        EXPECT_EQ(names_in("l").size(), 1U + 2);
+        const std::string last = output_of([] { trace("x"); });
+        EXPECT_EQ(content_of("l/" + *names_in("l").begin()), last);
+    }
 }
 
 TEST(TraceFile, RotatesWhenTheDayOfTheMonthChanges)
