@@ -98,10 +98,15 @@ coap_str_const_t *new_text(const char *text)
     return copy;
 }
 
+// The library would hold the answer to a report to the group back for up to five seconds, and the
+// sender's session with it. That is for groups with many members; here the gateway is the only one.
+constexpr int RESOURCE_FLAGS = COAP_RESOURCE_FLAGS_RELEASE_URI |
+                               COAP_RESOURCE_FLAGS_HAS_MCAST_SUPPORT |
+                               COAP_RESOURCE_FLAGS_LIB_DIS_MCAST_DELAYS;
+
 void add_resource(coap_context_t *context, const ServedResource &served)
 {
-    coap_resource_t *resource =
-        coap_resource_init(new_text(served.name), COAP_RESOURCE_FLAGS_RELEASE_URI);
+    coap_resource_t *resource = coap_resource_init(new_text(served.name), RESOURCE_FLAGS);
     coap_attr_t *attribute = nullptr;
     if (resource != nullptr) {
         coap_register_request_handler(resource, served.method, served.handler);
@@ -271,6 +276,7 @@ int coap_server_run()
         return -1;
     }
     coap_context_set_max_idle_sessions(context, MAX_IDLE_SESSIONS);
+    coap_mcast_per_resource(context);
     for (const ServedResource &served : SERVED_RESOURCES) {
         add_resource(context, served);
     }

@@ -131,6 +131,7 @@ TEST(Registration, WorksByMulticast)
         std::this_thread::sleep_for(milliseconds(10));
     }
     modem.send(encode(NON, POST, 1, "", "info_ind", info()), "224.1.2.3");
+    EXPECT_EQ(hex(modem.receive(milliseconds(500))), hex(encode(NON, VALID, 1)));
     tool.expect(register_lines(SERIAL, 1));
     tool.expect("INFO:Perform action on modem LAN:a1b2c3\nINFO:No action requested\n");
 }
