@@ -13,6 +13,7 @@
 #include "coap_server.h"
 #include "vos_mem.h"
 #include "vos_trace.h"
+#include "vos_util_linux.h"
 
 namespace
 {
@@ -299,6 +300,7 @@ void wait_for_event(coap_context_t *context, int descriptor, int64_t timeout_ms,
         epoll_wait(coap_context_get_coap_fd(context), &event, 1, static_cast<int>(timeout_ms));
     if (ready < 0 && errno != EINTR) {
         perror("select");
+        vos_util_sleep(1); // an error that stays must not spin
     } else if (ready > 0 && event.data.ptr == nullptr) {
         retransmission->due_ms = 0;
     } else if (ready > 0 && has_message(descriptor)) {
