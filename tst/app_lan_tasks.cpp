@@ -1,6 +1,8 @@
 #include "app_lan_state.h"
 
+#include <atomic>
 #include <cstring>
+#include <malloc.h>
 
 #include "coap_server.h"
 #include "vos_mem.h"
@@ -17,6 +19,13 @@ constexpr uint32_t MODEM_TASK_WAIT = 500;
 // What may wait for tasks that print slowly, in bytes: a full mailbox of long frames would take
 // more than a small gateway has to spare.
 constexpr uint32_t MAX_MEMORY = 16U * 1024 * 1024;
+
+// Once so much has waited, and little of it is left, the memory goes back to the system: the heap
+// would keep all of it for ever, for the sake of a few blocks at its end.
+constexpr uint32_t BACKLOG_MEMORY = 1024U * 1024;
+constexpr uint32_t REST_MEMORY = 64U * 1024;
+
+std::atomic<bool> backlog{false};
 
 void free_msg(LanMsg *msg)
 {
@@ -44,6 +53,13 @@ LanMsg *new_msg(uint32_t type, const coap_address_t *from, const uint8_t *payloa
     }
     msg->length = length;
     return msg;
+}
+
+void give_back_memory()
+{
+    if (vos_mem_get_memsize() < REST_MEMORY && backlog.exchange(false)) {
+        malloc_trim(0);
+    }
 }
 
 void dispatch_modem_msg(const LanMsg *msg)
@@ -86,6 +102,9 @@ uint32_t run_lan_task(VosTask *task, uint32_t wait, void (*dispatch)(const LanMs
         }
         dispatch(msg);
         free_msg(msg);
+        if (backlog.load(std::memory_order_relaxed)) {
+            give_back_memory();
+        }
     }
 }
 
@@ -109,8 +128,12 @@ uint32_t _lan_modem_task(VosTask *task, uintptr_t /*argument*/)
 
 int lan_post_msg(uint32_t type, const coap_address_t *from, const uint8_t *payload, uint32_t length)
 {
-    if (vos_mem_get_memsize() > MAX_MEMORY) {
+    const uint32_t waiting = vos_mem_get_memsize();
+    if (waiting > MAX_MEMORY) {
         return 0;
+    }
+    if (waiting > BACKLOG_MEMORY) {
+        backlog = true;
     }
     LanMsg *msg = new_msg(type, from, payload, length);
     if (msg == nullptr) {
