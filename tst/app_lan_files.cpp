@@ -31,17 +31,30 @@ constexpr uint8_t PACKET_POWER = 27;
 constexpr uint32_t MAX_PACKET_SIZE =
     COAP_MAX_MESSAGE_SIZE - 4 - (1 + LAN_TX_MSG_REQ.name_length) - 1 - LAN_TX_HEADER_SIZE;
 
-// The file of an upgrade that can't be done, or the one that an earlier upgrade left. It may be
-// gone already; a device or a pipe named by mistake stays.
-void remove_file(const char *path)
+// 0 when nothing is there.
+mode_t type_of(const char *path)
 {
     struct statx status = {};
-    if (statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) != 0 ||
-        !(S_ISREG(status.stx_mode) || S_ISLNK(status.stx_mode))) {
-        return;
+    const bool found = statx(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) == 0;
+    return found ? status.stx_mode & S_IFMT : 0;
+}
+
+bool remove_entry(const char *path)
+{
+    if (unlink(path) == 0) {
+        return true;
     }
-    if (unlink(path) != 0) {
-        vos_trace_error(MODULE, __LINE__, "Can't remove file %s : %s", path, strerror(errno));
+    vos_trace_error(MODULE, __LINE__, "Can't remove file %s : %s", path, strerror(errno));
+    return false;
+}
+
+// The file of an upgrade that can't be done. It may be gone already; a device or a pipe named by
+// mistake stays.
+void remove_file(const char *path)
+{
+    const mode_t type = type_of(path);
+    if (type == S_IFREG || type == S_IFLNK) {
+        remove_entry(path);
     }
 }
 
@@ -114,14 +127,30 @@ void send_packets(uint32_t serial, FILE *file, uint32_t packet_size, uint32_t de
     }
 }
 
+// Enters the firmware directory. A link would lead astray there: what it leads to is copied, and
+// the link goes.
+int move_firmware(const char *path, const char *placed)
+{
+    const bool is_link = type_of(path) == S_IFLNK;
+    const bool is_placed = vos_fs_is_same_file(path, placed);
+    if (is_placed && is_link && type_of(placed) == S_IFREG) {
+        return remove_entry(path) ? vos_fs_move_file(placed, placed) : VOS_FS_FAILED;
+    }
+    if (!is_placed && type_of(placed) != 0) {
+        remove_entry(placed); // of an earlier upgrade of this modem: there may not be room for both
+    }
+    if (!is_link || is_placed) {
+        return vos_fs_move_file(path, placed);
+    }
+    const int result = vos_fs_copy_file(path, placed);
+    return result == VOS_FS_OK && !remove_entry(path) ? VOS_FS_FAILED : result;
+}
+
 // Size of the file once it is in its place: it may have changed since it was first looked at. 0,
 // with a trace, when nothing was placed.
 uint32_t place_firmware(const char *path, const char *placed, const char *name)
 {
-    if (!vos_fs_is_same_file(path, placed)) {
-        remove_file(placed); // of an earlier upgrade of this modem: there may not be room for both
-    }
-    if (vos_fs_move_file(path, placed) != VOS_FS_OK) {
+    if (move_firmware(path, placed) != VOS_FS_OK) {
         vos_trace_error(MODULE, __LINE__, "Can not move fw file %s to %s", path, placed);
         remove_file(placed); // a whole copy, but of a source that can't be removed
         return 0;

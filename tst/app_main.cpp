@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -25,6 +26,26 @@ constexpr int EXIT_OPTION_ERROR = -1; // 255 for the shell
 constexpr uint32_t MODEM_POLL_TICKS = 25;
 constexpr int32_t RX_MODE_N2_2400 = 16;
 constexpr uint8_t N2_2400_CHANNELS = 6;
+
+// A socket that took the number of a closed standard stream would get what is printed there.
+void open_standard_streams()
+{
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(descriptor, F_GETFD) < 0 && open("/dev/null", O_RDWR) != descriptor) {
+            vos_trace_warning(MODULE, __LINE__, "can't open /dev/null : %s", strerror(errno));
+        }
+    }
+}
+
+// A reader that went away, and a file that may not grow, cost what is printed, not the tool.
+void ignore_output_signals()
+{
+    for (const int number : {SIGPIPE, SIGXFSZ}) {
+        if (signal(number, SIG_IGN) == SIG_ERR) {
+            vos_trace_warning(MODULE, __LINE__, "can't set signal catcher");
+        }
+    }
+}
 
 uint32_t wait_for_modem()
 {
@@ -131,6 +152,7 @@ void perform_action(uint32_t serial, const AppOptions *options)
 
 int main(int argc, char **argv)
 {
+    open_standard_streams();
     // What is printed beside the trace lines leaves in whole lines too, between them.
     setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
@@ -144,9 +166,7 @@ int main(int argc, char **argv)
         break;
     }
 
-    if (signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
-        vos_trace_warning(MODULE, __LINE__, "can't set signal catcher");
-    }
+    ignore_output_signals();
     vos_mem_init();
     lan_start();
     perform_action(wait_for_modem(), &options);
