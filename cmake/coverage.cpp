@@ -3,7 +3,11 @@
 // could come in the middle of anything.
 
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <pthread.h>
+#include <unistd.h>
 
 extern "C" void __gcov_dump();
 
@@ -35,7 +39,11 @@ void *wait_for_termination(void * /*unused*/)
     const sigset_t set = termination();
     pthread_sigmask(SIG_BLOCK, &set, nullptr); // in every thread: they inherit it
     pthread_t thread{};
-    pthread_create(&thread, nullptr, wait_for_termination, nullptr);
+    const int error = pthread_create(&thread, nullptr, wait_for_termination, nullptr);
+    if (error != 0) { // nothing but SIGKILL could end the tool
+        fprintf(stderr, "No thread to write the coverage at the end : %s\n", strerror(error));
+        _exit(EXIT_FAILURE);
+    }
 }
 
 } // namespace
