@@ -3,7 +3,6 @@
 
 #include "vos_util_linux.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <bit>
@@ -38,7 +37,6 @@ constexpr int LAST_CLOSED = 99;
 constexpr uint8_t ECHO_REQUEST[] = {8, 0, 0xF7, 0xFF, 0, 0, 0, 0};
 constexpr size_t IP_HEADER_SIZE = 20;
 constexpr size_t REPLY_SIZE = IP_HEADER_SIZE + sizeof ECHO_REQUEST;
-constexpr uint32_t WAIT_MAX = INT32_MAX; // seconds; time_t may have no more
 
 std::atomic<uint32_t> aborted_commands{0};
 
@@ -110,7 +108,7 @@ int exchange_echo(int descriptor, const uint8_t *request, uint8_t *reply, const 
            std::bit_cast<const sockaddr *>(&destination), sizeof destination);
 
     pollfd events = {descriptor, POLLIN | POLLPRI, 0};
-    const timespec limit = {static_cast<time_t>(std::min(timeout, WAIT_MAX)), 0};
+    const timespec limit = {timeout, 0};
     if (ppoll(&events, 1, &limit, nullptr) <= 0) {
         vos_trace_debug(MODULE, __LINE__, "Ping timeout on %s", address);
         return VOS_PING_TIMEOUT;

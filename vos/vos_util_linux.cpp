@@ -1,7 +1,6 @@
 #include "vos_util_linux.h"
 
 #include <cerrno>
-#include <limits>
 #include <sys/select.h>
 #include <sys/time.h>
 
@@ -11,6 +10,8 @@ namespace
 {
 
 constexpr long NS_PER_SECOND = 1'000'000'000;
+
+static_assert(sizeof(time_t) == sizeof(int64_t), "no deadline is past its range");
 
 // Waits on the condition, at most ticks (0: no limit); false when the time has passed.
 bool wait_on(pthread_cond_t *condition, pthread_mutex_t *mutex, uint32_t ticks)
@@ -73,24 +74,20 @@ timespec vos_util_deadline_ms(uint32_t milliseconds)
 {
     timeval now{};
     gettimeofday(&now, nullptr);
-    int64_t seconds = static_cast<int64_t>(now.tv_sec) + milliseconds / 1000;
+    time_t seconds = now.tv_sec + milliseconds / 1000;
     long nanoseconds = static_cast<long>(now.tv_usec) * 1000L +
                        static_cast<long>(milliseconds % 1000) * 1'000'000L;
     if (nanoseconds >= NS_PER_SECOND) {
         nanoseconds -= NS_PER_SECOND;
         ++seconds;
     }
-    constexpr int64_t LAST = std::numeric_limits<time_t>::max();
-    return {static_cast<time_t>(seconds < LAST ? seconds : LAST), nanoseconds};
+    return {seconds, nanoseconds};
 }
 
 timespec vos_util_deadline(uint32_t ticks)
 {
-    const uint32_t whole = ticks / VOS_TICKS_PER_SECOND;
     timespec deadline = vos_util_deadline_ms(ticks % VOS_TICKS_PER_SECOND * VOS_MS_PER_TICK);
-    constexpr int64_t LAST = std::numeric_limits<time_t>::max();
-    const int64_t seconds = deadline.tv_sec;
-    deadline.tv_sec = static_cast<time_t>(seconds < LAST - whole ? seconds + whole : LAST);
+    deadline.tv_sec += ticks / VOS_TICKS_PER_SECOND;
     return deadline;
 }
 

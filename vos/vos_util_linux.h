@@ -36,8 +36,7 @@ struct VosMutexGuard {
 // Blocks the caller for that many ticks; a signal ends the sleep early. 0 returns at once.
 void vos_util_sleep(uint32_t ticks);
 
-// Time of day at which a wait of so many milliseconds or ticks ends, counted from now. A time past
-// the range of time_t is cut to its end.
+// Time of day at which a wait of so many milliseconds or ticks ends, counted from now.
 timespec vos_util_deadline_ms(uint32_t milliseconds);
 timespec vos_util_deadline(uint32_t ticks);
 
