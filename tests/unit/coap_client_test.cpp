@@ -201,13 +201,20 @@ TEST_F(Client, NothingIsSentWithoutAModemOrWithTooMuch)
         for (const uint32_t packet : {0U, 64U, 1373U}) {
             EXPECT_EQ(lan_download_file(4, "file", packet, 0), -1);
         }
+        EXPECT_EQ(lan_download_file(4, "/dev/null", 64, 0), -1);
+        EXPECT_EQ(lan_download_file(4, "/sys/class/net/lo/speed", 64, 0), -1);
     });
-    const std::string started = "DEBUG:app_lan:Request donwnload  file file|ERROR:app_lan:";
-    const std::string unfit = started + "file not wellformed, size 1373 is not modulo ";
+    const std::string request = "DEBUG:app_lan:Request donwnload  file ";
+    const std::string unfit = request + "file|ERROR:app_lan:file not wellformed, size 1373 is not ";
+    const std::string unreadable = "/sys/class/net/lo/speed";
     EXPECT_EQ(lines, "ERROR:app_lan:Value of 254 bytes too long for parameter 0x1|"
                      "ERROR:app_lan:No room for the time in a tx frame of 5 bytes|" +
-                         unfit + "0 |" + unfit + "64 |" + started +
-                         "packet size 1373 too large for a request, at most 1372|");
+                         unfit + "modulo 0 |" + unfit + "modulo 64 |" + request +
+                         "file|ERROR:app_lan:packet size 1373 too large for a request, at most "
+                         "1372|" +
+                         request + "/dev/null|ERROR:app_lan:Empty file for download(/dev/null)|" +
+                         request + unreadable + "|ERROR:app_lan:Can't read file for download(" +
+                         unreadable + ") : Invalid argument|");
     EXPECT_EQ(recv(peer.descriptor, &value[0], 1, MSG_DONTWAIT), -1);
 }
 

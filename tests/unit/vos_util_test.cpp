@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "support.h"
+#include "vos_mem.h"
 #include "vos_util_linux.h"
 
 namespace
@@ -22,7 +23,7 @@ TEST(Hex, TextToNumberAndBytes)
     Bytes output(2, 7); // and not one byte further
     EXPECT_EQ(vos_util_hexstr_to_bytes(output.data(), 2, "0a1B223"), output.data());
     EXPECT_EQ(output, (Bytes{0x0A, 0x1B}));
-    vos_util_hexstr_to_bytes(output.data(), 2, "0xz1");
+    vos_util_hexstr_to_bytes(output.data(), "0xz1");
     EXPECT_EQ(output, (Bytes{0, 0}));
 }
 
@@ -83,5 +84,9 @@ TEST(Waiting, EndsByTimeByAPostOrByAllBits)
     EXPECT_EQ(bits, 0U) << "cleared by the wait before";
     vos_signal_destroy(&signal);
     EXPECT_EQ(vos_signal_wait(signal, 0), 1) << "nothing to wait for";
+    vos_event_delete(&(flags = vos_event_create("f"))); // at once: nobody waits
+    VosMutex *mutex = vos_mutex_create("m");
+    vos_mutex_destroy(&mutex);
+    EXPECT_TRUE(flags == nullptr && mutex == nullptr && vos_mem_get_nbpools() == 0);
 }
 } // namespace
