@@ -180,7 +180,9 @@ TEST_F(Client, PayloadFitsOrIsLeftOutAndAnotherPortIsNamed)
     const auto send = [&](uint16_t port, uint16_t size) {
         coap_client_send_request(&modem->address, port, LAN_TX_MSG_REQ, large.data(), size);
     };
-    EXPECT_EQ(peer.exchange([&] { send(5683, 1384); }).size(), 1400U - 2);
+    const Scratch scratch;
+    std::ofstream("file") << std::string(1372, 'x');
+    EXPECT_EQ(peer.exchange([] { lan_download_file(4, "file", 1372, 0); }).size(), 1400U - 2);
     EXPECT_EQ(peer.exchange([&] { send(5683, 1385); }), datagram(LAN_TX_MSG_REQ, ""));
     const Peer elsewhere(4, 0x5684);
     EXPECT_EQ(elsewhere.exchange([&] { send(0x5684, 0); }),
