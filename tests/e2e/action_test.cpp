@@ -25,7 +25,6 @@ TEST(Action, SendsExactRequests)
         std::vector<std::string> requests;
         std::string unused{};
     } cases[] = {
-        {"", {}},
         {"-c -1", {}},
         {"-g 0 -p 1G 0A -r 0", {}},
         {"-r 16", {n2_2400, start}},
@@ -34,7 +33,6 @@ TEST(Action, SendsExactRequests)
         {"-t 272 258 257 283 -2 65539 0a1B2",
          {start, "PUT tx_msg_req FE FF FF FF 3 0 2 0 10 2 1 1B A 1B"}},
         {"-t 1 2 3 4 5 6 " + long_frame, {start, long_tx}},
-        {"-c 3", {"POST command_req 3"}},
         {"-c 259", {"POST command_req 3"}},
         {"-c abc", {"POST command_req 0"}},
         {"-c -99999999999", {"POST command_req 0"}},

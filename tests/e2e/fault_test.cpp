@@ -34,7 +34,8 @@ struct Fault : testing::Test {
         for (Bytes answer; !served;) {
             const Bytes request = peer.receive(milliseconds(20));
             if (request.size() > 4 && request[0] == encode(CON, 0, 0)[0] && !deaf.exchange(false)) {
-                answer = encode(ACK, CHANGED, 0).replace(2, 2, request, 2, 2);
+                answer = encode(ACK, request[1] == GET ? CONTENT : CHANGED, 0, "", "", "id\1v");
+                answer.replace(2, 2, request, 2, 2);
             } else if (request.empty() && unknown) {
                 peer.send(encode(NON, POST, 1, "", "info_ind", info()));
             }
@@ -93,7 +94,7 @@ TEST_F(Fault, OfAnyAllocationEndsInARefusalOrAnError)
                             ? fs::file_size("/var/ftp/a1b2c3") == 128
                             : fs::exists("/tmp/fw") != upgrade && !fs::exists("/var/ftp/a1b2c3"));
             int done = 0;
-            for (std::size_t at = 0; (at = all.find("RES:2.04", at)) != Bytes::npos; ++at) {
+            for (std::size_t at = 0; (at = all.find("RES:2.0", at)) != Bytes::npos; ++at) {
                 ++done;
             }
             EXPECT_TRUE(done == wanted || tells_of_a_fault(all)) << nth << all;

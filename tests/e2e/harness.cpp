@@ -16,7 +16,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <system_error>
@@ -360,11 +359,5 @@ int Process::exit_status()
 std::string Process::proc_file(const char *name) const
 {
     return content_of("/proc/" + std::to_string(pid_) + name);
-}
-
-long Process::open_descriptors() const
-{
-    const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid_) + "/fd");
-    return std::distance(begin(all), end(all));
 }
 } // namespace e2e

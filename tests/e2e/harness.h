@@ -85,7 +85,6 @@ public:
     int exit_status(); // waits for the program to end by itself
     std::string errors() const { return content_of("/proc/self/fd/" + std::to_string(errors_)); }
     std::string proc_file(const char *name) const;
-    long open_descriptors() const;
 
 private:
     void read_output(int pipe);
