@@ -14,12 +14,18 @@ namespace e2e
 namespace
 {
 struct Load : testing::Test, Idle {
+    long resident() const // kilobytes
+    {
+        const std::string status = tool.proc_file("/status");
+        return std::stol(status.substr(status.find("VmRSS:") + 6));
+    }
 };
 
 TEST_F(Load, ServerNeverWaitsForStandardOutputAndAllItTookIsPrintedInOrder)
 {
     std::vector<int> codes; // of the answers
     tool.pause_reading(true);
+    const long before = resident();
     for (std::size_t sent = 0; codes.size() < 40'000;) { // at most eight are unanswered at a time
         for (; sent < 40'000 && sent < codes.size() + 8; ++sent) {
             modem.send(encode(CON, PUT, static_cast<int>(sent), little_endian(sent, 2),
@@ -34,6 +40,8 @@ TEST_F(Load, ServerNeverWaitsForStandardOutputAndAllItTookIsPrintedInOrder)
     const auto refused = std::find(codes.begin(), codes.end(), UNAVAILABLE) - codes.begin();
     EXPECT_GT(refused, 32'768);
     EXPECT_LT(refused, 40'000);
+    EXPECT_EQ(std::count(codes.begin(), codes.end(), VALID), refused);
+    EXPECT_LT(resident(), 5 * before) << "kilobytes"; // with sanitizers, both are larger
     tool.pause_reading(false);
     for (std::uint32_t number = 0; number < codes.size() && !HasFailure(); ++number) {
         if (codes[number] == VALID) {
@@ -59,10 +67,6 @@ TEST_F(Load, MutatedDatagramsDoNoHarm)
     std::cout << "E2E_SEED=" << seed << " E2E_MUTATIONS=" << count << '\n';
     sim::Noise noise(SERIAL, static_cast<std::uint32_t>(seed));
     tool.ignore_rest();
-    const auto resident = [this] {
-        const std::string status = tool.proc_file("/status");
-        return std::stol(status.substr(status.find("VmRSS:") + 6));
-    };
     long warm = 0;
     for (unsigned long i = 0; i <= count && !HasFailure(); ++i) {
         const sim::Bytes datagram = noise.next();
