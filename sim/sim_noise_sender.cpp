@@ -15,7 +15,7 @@ namespace sim
 namespace
 {
 
-constexpr size_t PORTS = 16;
+constexpr size_t PORTS = 200; // more than the gateway keeps sessions for
 constexpr Milliseconds CATCH_UP_MAX{100};
 
 Descriptor open_port(in_addr own)
