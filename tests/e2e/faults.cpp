@@ -3,6 +3,7 @@
 // all without a text. The tool sleeps ten times as fast, and says when it is at rest.
 
 #include <atomic>
+#include <bit>
 #include <csignal>
 #include <poll.h>
 #include <sstream>
@@ -80,8 +81,8 @@ FAULTY(fdopen, 0)
 FAULTY(fsync, -1)
 FAULTY(rename, -1)
 // With its descriptor gone the stream itself meets the error.
-FAULTY(fread, (close(fileno(reinterpret_cast<FILE *>(d))), __real_fread(a, b, c, d, e)))
-FAULTY(fflush, (close(fileno(reinterpret_cast<FILE *>(a))), __real_fflush(a, b, c, d, e)))
+FAULTY(fread, (close(fileno(std::bit_cast<FILE *>(d))), __real_fread(a, b, c, d, e)))
+FAULTY(fflush, (close(fileno(std::bit_cast<FILE *>(a))), __real_fflush(a, b, c, d, e)))
 
 // Waiting for an output that has refused a line is always interrupted.
 int __real_poll(pollfd *outputs, nfds_t count, int limit);
