@@ -1,7 +1,9 @@
 #include "app_lan_state.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -39,13 +41,11 @@ mode_t type_of(const char *path)
     return found ? status.stx_mode & S_IFMT : 0;
 }
 
-bool remove_entry(const char *path)
+void remove_entry(const char *path)
 {
-    if (unlink(path) == 0) {
-        return true;
+    if (unlink(path) != 0) {
+        vos_trace_error(MODULE, __LINE__, "Can't remove file %s : %s", path, strerror(errno));
     }
-    vos_trace_error(MODULE, __LINE__, "Can't remove file %s : %s", path, strerror(errno));
-    return false;
 }
 
 // The file of an upgrade that can't be done. It may be gone already; a device or a pipe named by
@@ -127,23 +127,34 @@ void send_packets(uint32_t serial, FILE *file, uint32_t packet_size, uint32_t de
     }
 }
 
-// Enters the firmware directory. A link would lead astray there: what it leads to is copied, and
-// the link goes.
+// Leaves the process in the firmware directory. A link would lead astray there: the file that it
+// names is copied, and the link goes.
 int move_firmware(const char *path, const char *placed)
 {
     const bool is_link = type_of(path) == S_IFLNK;
-    const bool is_placed = vos_fs_is_same_file(path, placed);
-    if (is_placed && is_link && type_of(placed) == S_IFREG) {
-        return remove_entry(path) ? vos_fs_move_file(placed, placed) : VOS_FS_FAILED;
+    const mode_t type_in_place = type_of(placed);
+    if (type_in_place == S_IFREG && vos_fs_is_same_file(path, placed)) {
+        if (is_link) {
+            remove_entry(path);
+        }
+        return vos_fs_move_file(placed, placed);
     }
-    if (!is_placed && type_of(placed) != 0) {
+    char source[PATH_MAX];
+    if (is_link && realpath(path, source) == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "Can't follow link %s : %s", path, strerror(errno));
+        return VOS_FS_FAILED;
+    }
+    if (type_in_place != 0) {
         remove_entry(placed); // of an earlier upgrade of this modem: there may not be room for both
     }
-    if (!is_link || is_placed) {
+    if (!is_link) {
         return vos_fs_move_file(path, placed);
     }
-    const int result = vos_fs_copy_file(path, placed);
-    return result == VOS_FS_OK && !remove_entry(path) ? VOS_FS_FAILED : result;
+    const int result = vos_fs_copy_file(source, placed);
+    if (result == VOS_FS_OK && type_of(path) == S_IFLNK) { // it was not the one in place
+        remove_entry(path);
+    }
+    return result;
 }
 
 // Size of the file once it is in its place: it may have changed since it was first looked at. 0,

@@ -38,11 +38,14 @@ struct Firmware : Files {
     {
         return "DEBUG:app_lan:Request fw upgrade of Modem a1b2c3 (" + path + ")\n";
     }
+    static std::string copy_line(const std::string &path)
+    {
+        return "DEBUG:vos_fs:Copying file \"" + path + "\" to \"" + PLACED + "\"\n";
+    }
     static std::string copy_lines(const std::string &path)
     {
         return "DEBUG:vos_fs:Can't move file from \"" + path + "\" to \"" + PLACED +
-               "\" : Invalid cross-device link\nDEBUG:vos_fs:Copying file \"" + path + "\" to \"" +
-               PLACED + "\"\n";
+               "\" : Invalid cross-device link\n" + copy_line(path);
     }
     // Runs the upgrade until the modem has accepted it.
     static void announce(Process &tool, Peer &modem, const std::string &path,
@@ -97,6 +100,24 @@ TEST_F(Firmware, IsRenamedOnOneFileSystemAndRemovedWhenItFails)
         modem.report("firmware_install_ind", Bytes(1, '\0'));
         tool.expect("DEBUG:app_lan:Firmware install (name:manual) of modem a1b2c3 is KO \n");
         EXPECT_FALSE(fs::exists(PLACED));
+    }
+}
+
+TEST_F(Firmware, ThatALinkNamesIsCopiedAndTheLinkGoes)
+{
+    const std::string links[][2] = {
+        {"/var/link", "fw"}, {"/var/link", PLACED}, {PLACED, "/var/fw"}};
+    fs::create_directory("/var/ftp");
+    ASSERT_EQ(mkfifo(PLACED.c_str(), 0600), 0); // the first copy must not wait for its reader
+    for (const auto &[link, file] : links) {
+        std::ofstream("/var/fw") << "new";
+        fs::create_symlink(file, link);
+        Peer modem;
+        Process tool("-u " + link);
+        announce(tool, modem, link, file == PLACED ? "" : copy_line("/var/fw"), 3);
+        EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(PLACED)));
+        EXPECT_EQ(content_of(PLACED) + content_of("/var/fw"), "newnew");
+        fs::remove(file == PLACED ? PLACED : "");
     }
 }
 
