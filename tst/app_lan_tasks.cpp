@@ -25,7 +25,7 @@ constexpr uint32_t MAX_MEMORY = 16U * 1024 * 1024;
 constexpr uint32_t BACKLOG_MEMORY = 256U * 1024;
 constexpr uint32_t REST_MEMORY = 64U * 1024;
 
-std::atomic<bool> backlog{false};
+std::atomic<bool> had_backlog{false};
 
 void free_msg(LanMsg *msg)
 {
@@ -57,7 +57,7 @@ LanMsg *new_msg(uint32_t type, const coap_address_t *from, const uint8_t *payloa
 
 void give_back_memory()
 {
-    if (vos_mem_get_memsize() < REST_MEMORY && backlog.exchange(false)) {
+    if (vos_mem_get_memsize() < REST_MEMORY && had_backlog.exchange(false)) {
         malloc_trim(0);
     }
 }
@@ -102,7 +102,7 @@ uint32_t run_lan_task(VosTask *task, uint32_t wait, void (*dispatch)(const LanMs
         }
         dispatch(msg);
         free_msg(msg);
-        if (backlog.load(std::memory_order_relaxed)) {
+        if (had_backlog.load(std::memory_order_relaxed)) {
             give_back_memory();
         }
     }
@@ -133,7 +133,7 @@ int lan_post_msg(uint32_t type, const coap_address_t *from, const uint8_t *paylo
         return 0;
     }
     if (waiting > BACKLOG_MEMORY) {
-        backlog = true;
+        had_backlog = true;
     }
     LanMsg *msg = new_msg(type, from, payload, length);
     if (msg == nullptr) {

@@ -48,9 +48,15 @@ void report(coap_log_t level, const char *message)
 // The library ends the process by itself, and silently, when a table of its own finds no memory.
 void report_end(int status, void * /*argument*/)
 {
-    if (status == LIBRARY_EXIT) {
+    if (status != LIBRARY_EXIT) {
+        return;
+    }
+    if (takes_bytes(STDOUT_FILENO)) {
         vos_trace_fatal(MODULE, __LINE__, "No memory for a table of the CoAP library");
     }
+    // The line would wait for its reader, and the process with it.
+    report(LOG_EMERG, "no memory for a table of the library\n");
+    _exit(EXIT_FAILURE);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // What the CoAP library says and does by itself: its messages go to standard error, one line each;
-// when it ends the process for want of memory, that is told in a FATAL line, with status 1.
+// when it ends the process for want of memory, that is told in a FATAL line (on standard error when
+// nobody reads standard output), with status 1.
 
 #ifndef COAP_REPORT_H
 #define COAP_REPORT_H

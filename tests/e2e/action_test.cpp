@@ -125,7 +125,7 @@ TEST(Answer, EndsTheExchangeAtOnce)
         Command command;
         const int id = type == NON || type == CON ? 0x7777 : command.id;
         command.modem.reply(encode(type, code, id, "", "", payload));
-        EXPECT_EQ(hex(command.modem.receive(milliseconds(200))),
+        EXPECT_EQ(hex(command.modem.receive(milliseconds(type == CON ? 2000 : 200))),
                   type == CON ? hex(encode(ACK, 0, id)) : "");
         command.tool.expect(RESULT + result, milliseconds(1000));
         command.tool.expect_errors(type == RST ? reset_alert(command.id) : errors);

@@ -66,7 +66,6 @@ FAULTY(realloc, 0)
 FAULTY(send, -1)
 FAULTY(sendmsg, -1)
 FAULTY(recv, -1)
-FAULTY(recvmsg, -1)
 FAULTY(socket, -1)
 FAULTY(bind, -1)
 FAULTY(ioctl, -1)
@@ -82,7 +81,6 @@ FAULTY(fsync, -1)
 FAULTY(rename, -1)
 // With its descriptor gone the stream itself meets the error.
 FAULTY(fread, (close(fileno(std::bit_cast<FILE *>(d))), __real_fread(a, b, c, d, e)))
-FAULTY(fflush, (close(fileno(std::bit_cast<FILE *>(a))), __real_fflush(a, b, c, d, e)))
 
 // Waiting for an output that has refused a line is always interrupted.
 int __real_poll(pollfd *outputs, nfds_t count, int limit);
