@@ -23,7 +23,7 @@ constexpr uint32_t MAX_MEMORY = 16U * 1024 * 1024;
 // Once so much has waited, and little of it is left, the memory goes back to the system: the heap
 // would keep all of it for ever, for the sake of a few blocks at its end.
 constexpr uint32_t BACKLOG_MEMORY = 256U * 1024;
-constexpr uint32_t REST_MEMORY = 64U * 1024;
+constexpr uint32_t REST_MEMORY = 8U * 1024;
 
 std::atomic<bool> had_backlog{false};
 
