@@ -15,7 +15,9 @@ namespace sim
 namespace
 {
 
-constexpr size_t PORTS = 200; // more than the gateway keeps sessions for
+constexpr size_t PORTS = 16;
+// One port in four is another each time: in minutes, far more than a gateway keeps sessions for.
+constexpr size_t RENEWED_PORT = 4;
 constexpr Milliseconds CATCH_UP_MAX{100};
 
 Descriptor open_port(in_addr own)
@@ -32,14 +34,14 @@ Descriptor open_port(in_addr own)
 } // namespace
 
 NoiseSender::NoiseSender(const Options &options)
-    : m_gateway(socket_address(options.announce_to, COAP_PORT)), m_interval(options.noise_interval),
-      m_noise(options.serial, options.noise_seed)
+    : m_own(options.addresses.front()), m_gateway(socket_address(options.announce_to, COAP_PORT)),
+      m_interval(options.noise_interval), m_noise(options.serial, options.noise_seed)
 {
     if (!m_interval) {
         return;
     }
     for (size_t i = 0; i < PORTS; ++i) {
-        m_sockets.push_back(open_port(options.addresses.front()));
+        m_sockets.push_back(open_port(m_own));
     }
     m_next = Clock::now();
     log_event("sim", "noise to %s, seed %" PRIu32, address_text(options.announce_to).c_str(),
@@ -54,11 +56,14 @@ void NoiseSender::tick(Time now)
     while (m_next && *m_next <= now) {
         *m_next += *m_interval;
         const Bytes datagram = m_noise.next();
-        const int port = m_sockets[static_cast<size_t>(m_turn++ % m_sockets.size())].get();
+        const auto turn = static_cast<size_t>(m_turn++ % PORTS);
         const ssize_t sent =
-            sendto(port, datagram.data(), datagram.size(), 0,
+            sendto(m_sockets[turn].get(), datagram.data(), datagram.size(), 0,
                    reinterpret_cast<const sockaddr *>(&m_gateway), sizeof m_gateway);
         m_sent += sent >= 0 ? 1 : 0; // the others are missed by nobody
+        if (turn % RENEWED_PORT == 0) {
+            m_sockets[turn] = open_port(m_own);
+        }
     }
 }
 

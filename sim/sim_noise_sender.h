@@ -18,7 +18,7 @@ public:
     // Logs the seed. Without --noise it opens nothing and is never due. Throws std::runtime_error.
     explicit NoiseSender(const Options &options);
 
-    // Sends what is due, without waiting.
+    // Sends what is due, without waiting. Throws std::runtime_error when a port can't be had.
     void tick(Time now);
 
     // When tick has something to do next.
@@ -27,6 +27,7 @@ public:
     uint64_t sent() const { return m_sent; }
 
 private:
+    const in_addr m_own;
     const sockaddr_in m_gateway;
     const std::optional<std::chrono::microseconds> m_interval;
     Noise m_noise;
