@@ -39,16 +39,10 @@ ticks_of_tool() {
 
 # Adds a line every second, as long as the tool is there: seconds, kilobytes resident, descriptors, threads.
 take_samples() {
-  local name value memory threads descriptors
+  local descriptors
   while kill -0 "$tool" 2>/dev/null; do
-    while read -r name value _; do
-      case $name in
-      VmRSS:) memory=$value ;;
-      Threads:) threads=$value ;;
-      esac
-    done <"/proc/$tool/status"
     descriptors=("/proc/$tool/fd/"*)
-    echo "$SECONDS $memory ${#descriptors[@]} $threads" >>"$work/samples"
+    echo "$SECONDS $(status_of_tool VmRSS) ${#descriptors[@]} $(status_of_tool Threads)" >>"$work/samples"
     pause 1
   done
 }
