@@ -3,8 +3,8 @@
 
 add_library(wmbusctl_flags INTERFACE)
 # A 32-bit machine, too, can look at a file of any size and inode number, and lives on after 2038.
-# Debian's libcoap is built with a time_t of 32 bits there: none of its calls that take one may be
-# used, and its own clock fails after 2038.
+# Debian 12's libcoap is built with a time_t of 32 bits there: none of its calls that take one may be
+# used. Its clock is ours (tst/coap_clock.cpp).
 target_compile_definitions(wmbusctl_flags INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 target_compile_options(wmbusctl_flags INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wformat=2

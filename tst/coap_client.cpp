@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 
 #include "app_lan.h"
+#include "coap_release.h"
 #include "coap_server.h"
 #include "vos_mem.h"
 #include "vos_trace.h"
@@ -22,8 +23,7 @@ constexpr char MODULE[] = "coap_client";
 constexpr size_t URI_PATH_ROOM = 40;
 constexpr size_t MESSAGE_HEADER_SIZE = 4; // not counted in the size of a PDU
 constexpr int64_t WAIT_MS = 20'000;
-constexpr int64_t RETRANSMISSION_SLACK_MS = 10; // it is surely due then, whatever was rounded
-constexpr uint32_t CODE_CONTENT = 69;           // 2.05
+constexpr uint32_t CODE_CONTENT = 69; // 2.05
 constexpr uint32_t FIRST_ERROR_CLASS = 4;
 constexpr uint32_t TCP_CLASS = 7;
 
@@ -212,10 +212,10 @@ coap_response_t coap_client_response_handler(coap_session_t *session, const coap
                                              const coap_pdu_t *received, coap_mid_t /*id*/)
 {
     const uint32_t code = coap_pdu_get_code(received);
-    if (coap_get_log_level() >= LOG_DEBUG) {
-        coap_log(LOG_DEBUG, "** process incoming %u.%02u response:\n", code_class(code),
+    if (coap_get_log_level() >= COAP_LOG_DEBUG) {
+        coap_log(COAP_LOG_DEBUG, "** process incoming %u.%02u response:\n", code_class(code),
                  code_detail(code));
-        coap_show_pdu(LOG_DEBUG, received);
+        coap_show_pdu(COAP_LOG_DEBUG, received);
     }
     const bool acknowledgement = coap_pdu_get_type(received) == COAP_MESSAGE_ACK;
     if (code == 0 || (acknowledgement && sent == nullptr)) {
@@ -237,30 +237,6 @@ int64_t monotonic_ms()
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
-}
-
-// When the library retransmits next. It counts on the time of day, from where its clock stood when
-// it sent last; setting the clock in between must neither stop nor hasten it, so it is asked with
-// the time that has passed on the monotonic clock since.
-struct Retransmission {
-    coap_tick_t base; // the library's clock after its last sending
-    int64_t base_ms;  // the monotonic clock then
-    int64_t due_ms;   // on the monotonic clock
-};
-
-void schedule_retransmission(coap_context_t *context, Retransmission *retransmission)
-{
-    coap_ticks(&retransmission->base);
-    retransmission->base_ms = monotonic_ms();
-    const unsigned left = coap_io_prepare_epoll(context, retransmission->base);
-    retransmission->due_ms = retransmission->base_ms + left + RETRANSMISSION_SLACK_MS;
-}
-
-void retransmit(coap_context_t *context, Retransmission *retransmission)
-{
-    const auto elapsed = static_cast<coap_tick_t>(monotonic_ms() - retransmission->base_ms);
-    coap_io_prepare_epoll(context, retransmission->base + elapsed * COAP_TICKS_PER_SECOND / 1000);
-    schedule_retransmission(context, retransmission);
 }
 
 // An ICMP error waits in the socket and would fail the next send or receive, on which the library
@@ -289,11 +265,9 @@ bool has_message(int descriptor)
     return size >= 0;
 }
 
-// Waits at most that long for the library's timer or for the socket, and has the library read what
-// came. The timer only brings the retransmission forward: the library itself would go by the time
-// of day.
-void wait_for_event(coap_context_t *context, int descriptor, int64_t timeout_ms,
-                    Retransmission *retransmission)
+// Waits at most that long for the library's timer or for the socket, and has the library do what
+// is due.
+void wait_for_event(coap_context_t *context, int descriptor, int64_t timeout_ms)
 {
     epoll_event event{};
     const int ready =
@@ -301,9 +275,15 @@ void wait_for_event(coap_context_t *context, int descriptor, int64_t timeout_ms,
     if (ready < 0 && errno != EINTR) {
         perror("select");
         vos_util_sleep(1); // an error that stays must not spin
-    } else if (ready > 0 && event.data.ptr == nullptr) {
-        retransmission->due_ms = 0;
-    } else if (ready > 0 && has_message(descriptor)) {
+    }
+    if (ready <= 0) {
+        return;
+    }
+    const bool is_timer = event.data.ptr == nullptr;
+    if (is_timer) {
+        discard_socket_error(descriptor);
+    }
+    if (is_timer || has_message(descriptor)) {
         coap_io_do_epoll(context, &event, 1);
     }
 }
@@ -312,36 +292,29 @@ void wait_for_event(coap_context_t *context, int descriptor, int64_t timeout_ms,
 void wait_for_exchange(coap_context_t *context, int descriptor)
 {
     const int64_t deadline = monotonic_ms() + WAIT_MS;
-    coap_log(LOG_DEBUG, "timeout is set to %d seconds\n", static_cast<int>(WAIT_MS / 1000));
-    Retransmission retransmission;
-    schedule_retransmission(context, &retransmission);
+    coap_log(COAP_LOG_DEBUG, "timeout is set to %d seconds\n", static_cast<int>(WAIT_MS / 1000));
+    coap_tick_t ticks = 0;
+    coap_ticks(&ticks);
+    coap_io_prepare_epoll(context, ticks); // sets the library's timer
     while (coap_can_exit(context) == 0) {
         const int64_t now = monotonic_ms();
         if (now >= deadline) {
-            coap_log(LOG_INFO, "timeout\n");
+            coap_log(COAP_LOG_INFO, "timeout\n");
             return;
         }
-        if (now >= retransmission.due_ms) {
-            discard_socket_error(descriptor);
-            retransmit(context, &retransmission);
-        } else {
-            wait_for_event(context, descriptor, std::min(retransmission.due_ms, deadline) - now,
-                           &retransmission);
-        }
+        wait_for_event(context, descriptor, deadline - now);
     }
 }
 
 // Takes the PDU over. When it can't be sent nothing is pending, and there is nothing to wait for.
 void send_and_wait(coap_context_t *context, coap_session_t *session, coap_pdu_t *pdu)
 {
-    if (coap_get_log_level() >= LOG_DEBUG) {
-        coap_log(LOG_DEBUG, "sending CoAP request:\n");
-        coap_show_pdu(LOG_DEBUG, pdu);
+    if (coap_get_log_level() >= COAP_LOG_DEBUG) {
+        coap_log(COAP_LOG_DEBUG, "sending CoAP request:\n");
+        coap_show_pdu(COAP_LOG_DEBUG, pdu);
     }
     const uint16_t port = coap_address_get_port(coap_session_get_addr_local(session));
-    // The library opens its own descriptor, a timer, then the session's socket.
-    const int first = coap_context_get_coap_fd(context) + 2;
-    const int descriptor = coap_server_find_socket(port, first);
+    const int descriptor = coap_server_find_socket(context, port);
     if (descriptor < 0) {
         vos_trace_error(MODULE, __LINE__, "Can't find the socket on port %d", port);
         coap_delete_pdu(pdu);
@@ -381,7 +354,7 @@ uint32_t coap_client_send_request(const coap_address_t *destination, uint16_t po
     coap_address_set_port(&remote, port);
     coap_context_t *context = coap_server_get_context("0.0.0.0", "0");
     if (context == nullptr) {
-        coap_log(LOG_EMERG, "cannot create context\n");
+        coap_log(COAP_LOG_EMERG, "cannot create context\n");
         return 0;
     }
     uint32_t last_code = 0;

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "coap_release.h"
 #include "vos_trace.h"
 
 namespace
@@ -55,7 +56,7 @@ void report_end(int status, void * /*argument*/)
         vos_trace_fatal(MODULE, __LINE__, "No memory for a table of the CoAP library");
     }
     // The line would wait for its reader, and the process with it.
-    report(LOG_EMERG, "no memory for a table of the library\n");
+    report(COAP_LOG_EMERG, "no memory for a table of the library\n");
     _exit(EXIT_FAILURE);
 }
 

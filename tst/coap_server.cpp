@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "app_lan.h"
+#include "coap_release.h"
 #include "coap_report.h"
 #include "vos_trace.h"
 #include "vos_util_linux.h"
@@ -152,6 +153,29 @@ void join_multicast_group(int descriptor)
     }
 }
 
+bool is_bound_to(int descriptor, uint16_t port)
+{
+    sockaddr_in address{};
+    socklen_t address_size = sizeof address;
+    int type = 0;
+    socklen_t type_size = sizeof type;
+    return getsockname(descriptor, reinterpret_cast<sockaddr *>(&address), &address_size) == 0 &&
+           address.sin_family == AF_INET && ntohs(address.sin_port) == port &&
+           getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &type_size) == 0 &&
+           type == SOCK_DGRAM;
+}
+
+// Whether the descriptor is one of the epoll instance: it can't be added once more then.
+bool is_watched(int watcher, int descriptor)
+{
+    epoll_event nothing{};
+    if (epoll_ctl(watcher, EPOLL_CTL_ADD, descriptor, &nothing) != 0) {
+        return errno == EEXIST;
+    }
+    epoll_ctl(watcher, EPOLL_CTL_DEL, descriptor, &nothing);
+    return false;
+}
+
 // Hands what waits at the context's sockets to the library, after at most that time; false when
 // nothing did.
 bool read_sockets(coap_context_t *context, int timeout_ms)
@@ -167,8 +191,7 @@ bool read_sockets(coap_context_t *context, int timeout_ms)
     return count > 0;
 }
 
-// The library's timer wakes a turn when it has something to send; what is due without it, after the
-// clock was set, goes out at the latest with the end of a turn.
+// The library's timer wakes a turn when it has something to send or a session to forget.
 void serve(coap_context_t *context)
 {
     while (quit_flag.load(std::memory_order_relaxed) == 0) {
@@ -203,6 +226,7 @@ coap_context_t *new_context(const addrinfo *result)
 
 coap_context_t *coap_server_get_context(const char *host, const char *service)
 {
+    coap_startup();
     addrinfo hints{};
     hints.ai_flags = AI_PASSIVE | AI_NUMERICHOST;
     hints.ai_family = AF_UNSPEC;
@@ -248,18 +272,11 @@ int coap_server_get_ipv4_addr(const char *interface, char *text)
     return result;
 }
 
-int coap_server_find_socket(uint16_t port, int first)
+int coap_server_find_socket(coap_context_t *context, uint16_t port)
 {
-    for (int i = 0; i < MAX_DESCRIPTORS; ++i) {
-        const int descriptor = (first + i) % MAX_DESCRIPTORS;
-        sockaddr_in address{};
-        socklen_t address_size = sizeof address;
-        int type = 0;
-        socklen_t type_size = sizeof type;
-        if (getsockname(descriptor, reinterpret_cast<sockaddr *>(&address), &address_size) == 0 &&
-            address.sin_family == AF_INET && ntohs(address.sin_port) == port &&
-            getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &type_size) == 0 &&
-            type == SOCK_DGRAM) {
+    const int watcher = coap_context_get_coap_fd(context);
+    for (int descriptor = watcher + 1; descriptor < MAX_DESCRIPTORS; ++descriptor) {
+        if (is_bound_to(descriptor, port) && is_watched(watcher, descriptor)) {
             return descriptor;
         }
     }
@@ -269,7 +286,7 @@ int coap_server_find_socket(uint16_t port, int first)
 int coap_server_run()
 {
     coap_report_start();
-    coap_set_log_level(LOG_WARNING);
+    coap_set_log_level(COAP_LOG_WARN);
     coap_context_t *context = coap_server_get_context(LISTEN_HOST, LISTEN_SERVICE);
     vos_trace_info("Start CoAP server on %s:%s", LISTEN_HOST, LISTEN_SERVICE);
     if (context == nullptr) {
@@ -280,7 +297,7 @@ int coap_server_run()
     for (const ServedResource &served : SERVED_RESOURCES) {
         add_resource(context, served);
     }
-    const int descriptor = coap_server_find_socket(LAN_COAP_PORT, 0);
+    const int descriptor = coap_server_find_socket(context, LAN_COAP_PORT);
     filter_socket(descriptor);
     join_multicast_group(descriptor);
     serve(context);

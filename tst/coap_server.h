@@ -29,9 +29,8 @@ coap_context_t *coap_server_get_context(const char *host, const char *service);
 // characters. 1, or -1 (text untouched) when it has none.
 int coap_server_get_ipv4_addr(const char *interface, char *text);
 
-// Descriptor of this process's UDP socket that is bound to the local IPv4 port, -1 when none; the
-// CoAP library keeps its descriptors to itself. The search begins at first, a guess that makes
-// it quick, and goes on with the others.
-int coap_server_find_socket(uint16_t port, int first);
+// Descriptor of the context's UDP socket that is bound to the local IPv4 port, -1 when it has none;
+// the CoAP library keeps its descriptors to itself. Not that of another socket on the same port.
+int coap_server_find_socket(coap_context_t *context, uint16_t port);
 
 #endif

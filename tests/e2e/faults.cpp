@@ -106,12 +106,22 @@ long __wrap_syscall(long number, int descriptor, const char *data, size_t size)
     return written;
 }
 
-int __real_clock_gettime(clockid_t clock, timespec *now);
-int __wrap_clock_gettime(clockid_t clock, timespec *now)
+// What the tool answers the library's question for the time with.
+int (*real_clock)(clockid_t clock, timespec *now);
+int stepped_clock(clockid_t clock, timespec *now)
 {
-    const int result = __real_clock_gettime(clock, now);
-    now->tv_sec += waiting && clock == CLOCK_REALTIME && fails("clock") ? plan.number : 0;
+    const int result = real_clock(clock, now);
+    now->tv_sec += waiting && fails("clock") && clock == CLOCK_REALTIME ? plan.number : 0;
     return result;
+}
+
+void *__real_dlsym(void *library, const char *name);
+void *__wrap_dlsym(void *library, const char *name)
+{
+    void *found = __real_dlsym(library, name);
+    real_clock = std::bit_cast<decltype(real_clock)>(found);
+    return name == std::string_view("clock_gettime") ? std::bit_cast<void *>(&stepped_clock)
+                                                     : found;
 }
 
 int __wrap_select(int, fd_set *, fd_set *, fd_set *, const timeval *limit)

@@ -170,6 +170,7 @@ Peer::Peer(unsigned host, unsigned port) : socket_(socket(AF_INET, SOCK_DGRAM | 
     const int on = 1;
     const sockaddr_in here = socket_address(address(host), port);
     must(setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
+         setsockopt(socket_, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) == 0 &&
          bind(socket_, reinterpret_cast<const sockaddr *>(&here), sizeof here) == 0);
 }
 
@@ -202,6 +203,11 @@ Bytes Peer::receive(milliseconds patience)
                                    reinterpret_cast<sockaddr *>(&from_), &length);
     must(count >= 0);
     return {datagram, static_cast<std::size_t>(count)};
+}
+
+std::string Peer::sender() const
+{
+    return inet_ntoa(from_.sin_addr);
 }
 
 int Peer::expect_request(const std::string &request)

@@ -55,6 +55,7 @@ public:
     void reply(const Bytes &datagram);               // to the sender of what came last
     Bytes receive(milliseconds patience = PATIENCE); // empty when nothing comes
     unsigned sender_port() const { return ntohs(from_.sin_port); }
+    std::string sender() const;
     // The next datagram must be this confirmable request, such as "POST command_req 03", and
     // nothing else; returns its message id.
     int expect_request(const std::string &request);

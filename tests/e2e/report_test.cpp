@@ -1,15 +1,37 @@
 #include "harness.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 
 namespace e2e
 {
 namespace
 {
-struct Report : testing::Test, Idle {
+// A socket on the server's port that the tool gets from whoever started it.
+struct Inherited {
+    int socket_ = -1;
+    Inherited()
+    {
+        std::thread([this] {
+            EXPECT_TRUE(gateway_namespace < 0 || setns(gateway_namespace, CLONE_NEWNET) == 0);
+            socket_ = socket(AF_INET, SOCK_DGRAM, 0);
+            const int on = 1;
+            const sockaddr_in any = {AF_INET, htons(5683), {}, {}};
+            EXPECT_EQ(setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) +
+                          bind(socket_, reinterpret_cast<const sockaddr *>(&any), sizeof any),
+                      0);
+        }).join();
+    }
+    ~Inherited() { close(socket_); }
+};
+
+struct Report : testing::Test, Inherited, Idle {
 };
 
 TEST_F(Report, PrintsExactLines)
@@ -119,21 +141,46 @@ TEST(Filter, WritesTheFramesOfTheRealTool)
     EXPECT_EQ(kill(tool, SIGTERM) + pclose(filter), 0);
 }
 
-TEST(Registration, WorksByMulticast)
+// The gateway's address again, with "broadcast +" or without a broadcast address.
+void set_broadcast(const std::string &broadcast)
+{
+    const std::string in_gateway =
+        text("nsenter --net=/proc/%d/fd/%d ip address ", getpid(), gateway_namespace);
+    EXPECT_EQ(system((in_gateway + "flush dev eth0 && " + in_gateway +
+                      "add 10.55.0.1/24 dev eth0 " + broadcast)
+                         .c_str()),
+              0);
+}
+
+TEST(Registration, WorksByGroupAndBroadcastWhateverTheInterfaceKnows)
 {
     if (gateway_namespace < 0) {
         GTEST_SKIP() << "needs an Ethernet interface";
     }
-    Peer modem;
-    Process tool("");
-    tool.expect("INFO:Start CoAP server on 0.0.0.0:5683\n");
-    for (int i = 0; i < 500 && tool.proc_file("/net/igmp").find("030201E0") == Bytes::npos; ++i) {
-        std::this_thread::sleep_for(milliseconds(10));
+    for (const std::string broadcast : {"", "broadcast +"}) {
+        set_broadcast(broadcast);
+        for (const std::string to : {"224.1.2.3", "10.55.0.255", "255.255.255.255", "10.55.0.1"}) {
+            for (const int type : {CON, NON}) {
+                SCOPED_TRACE(text("%s by type %d %s", to.c_str(), type, broadcast.c_str()));
+                Peer modem;
+                Process tool("");
+                tool.expect("INFO:Start CoAP server on 0.0.0.0:5683\n");
+                for (int i = 0;
+                     i < 500 && tool.proc_file("/net/igmp").find("030201E0") == Bytes::npos; ++i) {
+                    std::this_thread::sleep_for(milliseconds(10));
+                }
+                modem.send(encode(type, POST, 1, "", "info_ind", info()), to);
+                EXPECT_EQ(modem.receive(milliseconds(500)).substr(0, 2),
+                          encode(type == CON ? ACK : NON, VALID, 1).substr(0, 2));
+                EXPECT_EQ(modem.sender(), address(0));
+                tool.expect(register_lines(SERIAL, 1));
+                tool.expect("INFO:Perform action on modem LAN:a1b2c3\nINFO:No action requested\n");
+                modem.send(encode(type, PUT, 2, "", "rx_msg_req", frame(numbered(1))), to);
+                EXPECT_EQ(modem.receive(milliseconds(500))[1], char(VALID));
+                tool.expect(frame_lines(numbered(1)));
+            }
+        }
     }
-    modem.send(encode(NON, POST, 1, "", "info_ind", info()), "224.1.2.3");
-    EXPECT_EQ(hex(modem.receive(milliseconds(500))), hex(encode(NON, VALID, 1)));
-    tool.expect(register_lines(SERIAL, 1));
-    tool.expect("INFO:Perform action on modem LAN:a1b2c3\nINFO:No action requested\n");
 }
 
 TEST(Registration, TakesFiveModemsAndActsOnTheFirst)
