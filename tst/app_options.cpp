@@ -67,10 +67,6 @@ bool store_download(AppOptions *options, char **arguments)
     options->download_name = arguments[0];
     options->packet_size = decimal(arguments[1]);
     options->inter_packet = decimal(arguments[2]);
-    if (options->inter_packet < 0) {
-        printf("inter-packet delay negative: %s\n", arguments[2]);
-        return false;
-    }
     return fits("file name", strlen(arguments[0]), APP_PATH_SIZE - 1);
 }
 
@@ -174,6 +170,17 @@ bool read_option(const Option *option, int left, char **arguments, AppOptions *o
     return option->store(options, arguments);
 }
 
+// A delay that can't be waited for is refused where -d is the action that would run, before
+// anything is started: -u has priority, and a later -d may have replaced it.
+bool has_valid_delay(const AppOptions *options)
+{
+    if (options->fw_name != nullptr || options->inter_packet >= 0) {
+        return true;
+    }
+    printf("inter-packet delay negative: %d\n", options->inter_packet);
+    return false;
+}
+
 } // namespace
 
 AppOptionsResult app_parse_options(int argc, char **argv, AppOptions *options)
@@ -200,5 +207,5 @@ AppOptionsResult app_parse_options(int argc, char **argv, AppOptions *options)
             next += option->arguments;
         }
     }
-    return APP_OPTIONS_OK;
+    return has_valid_delay(options) ? APP_OPTIONS_OK : option_error(program);
 }

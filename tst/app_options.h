@@ -21,7 +21,7 @@ struct AppOptions {
     const char *tx_frame; // hexadecimal digits, at most 2 * APP_PATH_SIZE + 1
     const char *download_name;
     int32_t packet_size;  // bytes
-    int32_t inter_packet; // ticks of 20 ms
+    int32_t inter_packet; // ticks of 20 ms; negative only beside a firmware name
     int32_t command;
     uint32_t set_param_id;
     uint8_t param_value[APP_PARAM_VALUE_SIZE];

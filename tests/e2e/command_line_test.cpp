@@ -35,7 +35,7 @@ TEST(CommandLine, EndsAtOnceWithMessageAndStatus)
         {"-c 3 -g", "need param id"},
         {"-u f" + f1023, "firmware name" + too_long},
         {"-d f" + f1023 + " 64 5", "file name" + too_long},
-        {"-d f 1 -1", "inter-packet delay negative: -1"},
+        {"-c 3 -d f 1 5 -d f 1 -2", "inter-packet delay negative: -2"},
         {"-p 1 000102030405060708090A0B0C", "param value too long: 13 bytes, at most 12"},
         {"-t 0 0 0 0 0 0 " + std::string(2050, 'A'), "tx frame too long: 1025 bytes, at most 1024"},
     };
@@ -46,7 +46,7 @@ TEST(CommandLine, EndsAtOnceWithMessageAndStatus)
         tool.expect(USAGE);
         EXPECT_EQ(tool.exit_status(), 255);
     }
-    const std::string accepted = "-u " + f1023 + " -d " + f1023 + " 64 5 -?";
+    const std::string accepted = "-u " + f1023 + " -d " + f1023 + " 64 -1 -?";
     for (const auto &arguments : std::vector<std::string>{"-c 3 -? foo", "-x 5 -?", accepted}) {
         SCOPED_TRACE(arguments);
         Process tool(arguments);

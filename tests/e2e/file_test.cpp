@@ -71,7 +71,7 @@ TEST_F(Firmware, IsCopiedToAnotherFileSystemAndRemovedOnceInstalled)
     fs::create_directory("/var/ftp");
     std::ofstream(PLACED) << firmware; // left by an earlier run; there is no room for both
     Peer modem, stranger(2);
-    Process tool("-c 3 -u fw.bin");
+    Process tool("-c 3 -d fw.bin 64 -1 -u fw.bin");
     announce(tool, modem, path, copy_lines(path), firmware.size());
     EXPECT_TRUE(content_of(PLACED) == firmware);
     EXPECT_FALSE(fs::exists(path));
@@ -179,7 +179,7 @@ TEST_F(Files, DownloadSendsPacketsWithPauses)
     const std::string packets[] = {std::string(64, '1'), std::string(64, '2')};
     std::ofstream(path) << packets[0] << packets[1];
     Peer modem;
-    Process tool("-d upd.bin 64 5");
+    Process tool("-d upd.bin 64 -1 -d upd.bin 64 5");
     tool.register_modem(modem);
     modem.reply(encode(ACK, CHANGED, modem.expect_request("POST command_req 2")));
     tool.expect(RESULT + "2.04\nDEBUG:app_lan:Request donwnload  file " + path + "\n");
