@@ -40,10 +40,11 @@ void open_standard_streams()
 // A reader that went away, and a file that may not grow, cost what is printed, not the tool.
 void ignore_output_signals()
 {
-    for (const int number : {SIGPIPE, SIGXFSZ}) {
-        if (signal(number, SIG_IGN) == SIG_ERR) {
-            vos_trace_warning(MODULE, __LINE__, "can't set signal catcher");
-        }
+    if (signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
+        vos_trace_warning(MODULE, __LINE__, "can't set signal catcher");
+    }
+    if (signal(SIGXFSZ, SIG_IGN) == SIG_ERR) {
+        vos_trace_warning(MODULE, __LINE__, "can't set signal catcher for the file-size limit");
     }
 }
 
@@ -56,6 +57,13 @@ uint32_t wait_for_modem()
     return serial;
 }
 
+bool refuse_long_name(const char *name)
+{
+    vos_trace_error(MODULE, __LINE__, "File name too long, at most %d characters : %s",
+                    static_cast<int>(APP_PATH_SIZE - 1), name);
+    return false;
+}
+
 // Resolves a name against the working directory; false, with a trace, when it does not fit.
 bool make_absolute(const char *name, char (*path)[APP_PATH_SIZE])
 {
@@ -64,6 +72,9 @@ bool make_absolute(const char *name, char (*path)[APP_PATH_SIZE])
         printed = snprintf(*path, sizeof *path, "%s", name);
     } else {
         char *directory = getcwd(nullptr, APP_PATH_SIZE);
+        if (directory == nullptr && errno == ERANGE) {
+            return refuse_long_name(name);
+        }
         if (directory == nullptr) {
             vos_trace_error(MODULE, __LINE__, "Can't read the working directory : %s",
                             strerror(errno));
@@ -72,12 +83,8 @@ bool make_absolute(const char *name, char (*path)[APP_PATH_SIZE])
         printed = snprintf(*path, sizeof *path, "%s/%s", directory, name);
         free(directory); // from getcwd, not a block of ours
     }
-    if (printed < 0 || static_cast<size_t>(printed) >= sizeof *path) {
-        vos_trace_error(MODULE, __LINE__, "File name too long, at most %d characters : %s",
-                        static_cast<int>(sizeof *path - 1), name);
-        return false;
-    }
-    return true;
+    const bool fits = printed >= 0 && static_cast<size_t>(printed) < sizeof *path;
+    return fits || refuse_long_name(name);
 }
 
 void upgrade_firmware(uint32_t serial, const AppOptions *options)

@@ -40,6 +40,7 @@ TEST(Action, SendsExactRequests)
         {"-x 5 -c 3 -y", {"POST command_req 3"}, "Unused argument -x\nUnused argument -y\n"},
         {"-g 101 -c 3", {"POST command_req 3"}},
         {"-p 101 0AFF1", {"POST config_set_param_req 1 1 2 A FF"}},
+        {"-p 101 0x10", {"POST config_set_param_req 1 1 2 0 10"}},
         {"-g 101 -p 0x12345 000102030405060708090a0B",
          {"POST config_set_param_req 45 23 C 0 1 2 3 4 5 6 7 8 9 A B"}},
         {"-g 0x1A2b", {"GET config_get_param_req 2B 1A"}},
