@@ -35,7 +35,7 @@ struct ModemEntry {
     uint32_t info_time;     // last accepted info, seconds since the epoch
     uint32_t stats_time;    // last statistics, seconds since the epoch
     char fw_name[50];       // name of the last firmware upgrade
-    char fw_file_name[100]; // file placed for it, relative to the firmware directory; may be empty
+    char fw_file_name[100]; // file placed for it, relative to the firmware directory
     ModemStats stats[LAN_MAX_RF_RECEIVERS];
     uint32_t serial_number;
     uint32_t protocol;

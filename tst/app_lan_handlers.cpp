@@ -153,15 +153,14 @@ void read_stats(LanReader *reader, ModemStats *stats, uint32_t count)
     }
 }
 
-// The current directory is the one where the upgrade placed the file. A report that comes again, or
-// without an upgrade under way, finds no name and removes nothing.
-void remove_placed_firmware(ModemEntry *modem)
+// The current directory is the one where the upgrade placed the file. It may be gone already: by a
+// report that comes again, say. Without an upgrade the slot holds the name of no file.
+void remove_placed_firmware(const ModemEntry *modem)
 {
-    if (modem->fw_file_name[0] != '\0' && unlink(modem->fw_file_name) != 0) {
+    if (unlink(modem->fw_file_name) != 0 && errno != ENOENT) {
         vos_trace_error(MODULE, __LINE__, "Can't remove firmware file %s : %s", modem->fw_file_name,
                         strerror(errno));
     }
-    modem->fw_file_name[0] = '\0';
 }
 
 } // namespace
@@ -267,7 +266,7 @@ int lan_handle_fw_install(const coap_address_t *from, const uint8_t *payload, ui
     uint32_t serial = 0;
     {
         const VosMutexGuard guard(lan_state.lan_modem);
-        ModemEntry *slot = lan_slot_by_addr(from);
+        const ModemEntry *slot = lan_slot_by_addr(from);
         if (slot == nullptr) {
             vos_trace_error(MODULE, __LINE__, "Firmware install of an unknown modem");
             return -1;
