@@ -182,7 +182,7 @@ int lan_fw_upgrade(uint32_t serial, const char *path, const char *name);
 
 // Sends the file at path in packets of packet_size bytes, each as a radio frame to transmit, with
 // a pause of delay ticks after each. The file stays. 1 when every packet was sent, -1 with an
-// ERROR line.
+// ERROR line; after one that there was no memory for, the others are sent all the same.
 int lan_download_file(uint32_t serial, const char *path, uint32_t packet_size, uint32_t delay);
 
 #endif

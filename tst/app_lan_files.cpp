@@ -113,16 +113,18 @@ bool can_download(const char *path, uint32_t packet_size)
 }
 
 // The modem is looked up for every packet: it may announce itself from another address meanwhile.
-void send_packets(uint32_t serial, FILE *file, uint32_t packet_size, uint32_t delay)
+// False, with a trace, when one was left out; the others are sent.
+bool send_packets(uint32_t serial, FILE *file, uint32_t packet_size, uint32_t delay)
 {
     uint8_t packet[MAX_PACKET_SIZE];
     ModemEntry modem;
     uint16_t counter = 1;
     while (fread(packet, 1, packet_size, file) == packet_size && lan_copy_modem(serial, &modem)) {
         vos_trace_debug(MODULE, __LINE__, "Send packet n %d", counter);
-        lan_send_tx_msg(&modem, 0, 0, PACKET_RADIO_MODE, PACKET_CHANNEL, PACKET_TYPE, PACKET_POWER,
-                        packet, packet_size);
+        all &= lan_try_tx_msg(&modem, 0, 0, PACKET_RADIO_MODE, PACKET_CHANNEL, PACKET_TYPE,
+                              PACKET_POWER, packet, packet_size);
         vos_util_sleep(delay);
+    bool all = true;
         ++counter;
     }
 }
@@ -130,6 +132,7 @@ void send_packets(uint32_t serial, FILE *file, uint32_t packet_size, uint32_t de
 // Leaves the process in the firmware directory. A link would lead astray there: the file that it
 // names is copied, and the link goes.
 int move_firmware(const char *path, const char *placed)
+    return all;
 {
     const bool is_link = type_of(path) == S_IFLNK;
     const mode_t type_in_place = type_of(placed);
@@ -227,9 +230,9 @@ int lan_download_file(uint32_t serial, const char *path, uint32_t packet_size, u
                         strerror(errno));
         return -1;
     }
-    send_packets(serial, file, packet_size, delay);
-    const bool failed = ferror(file) != 0;
-    if (failed) {
+    bool failed = !send_packets(serial, file, packet_size, delay);
+    if (ferror(file) != 0) {
+        failed = true;
         vos_trace_error(MODULE, __LINE__, "Can't read file for download(%s) : %s", path,
                         strerror(errno));
     }

@@ -98,14 +98,14 @@ uint32_t lan_rx_mode_off(const ModemEntry *modem)
     return send_request(modem, LAN_RX_MODE_CONFIG_REQ, ALL_OFF, sizeof ALL_OFF);
 }
 
-void lan_send_tx_msg(const ModemEntry *modem, uint32_t sec, uint16_t msec, uint32_t mode,
-                     uint8_t channel, uint32_t type, uint8_t power, const uint8_t *frame,
-                     uint32_t length)
+bool lan_try_tx_msg(const ModemEntry *modem, uint32_t sec, uint16_t msec, uint32_t mode,
+                    uint8_t channel, uint32_t type, uint8_t power, const uint8_t *frame,
+                    uint32_t length)
 {
     count_tx_request();
     uint8_t *payload = new_payload(LAN_TX_HEADER_SIZE, length);
     if (payload == nullptr) {
-        return;
+        return false;
     }
     const uint32_t size = LAN_TX_HEADER_SIZE + length;
     LanWriter writer{payload, size, false};
@@ -118,6 +118,14 @@ void lan_send_tx_msg(const ModemEntry *modem, uint32_t sec, uint16_t msec, uint3
     lan_write_bytes(&writer, frame, length);
     send_request(modem, LAN_TX_MSG_REQ, payload, size);
     vos_mem_free(&payload);
+    return true;
+}
+
+void lan_send_tx_msg(const ModemEntry *modem, uint32_t sec, uint16_t msec, uint32_t mode,
+                     uint8_t channel, uint32_t type, uint8_t power, const uint8_t *frame,
+                     uint32_t length)
+{
+    lan_try_tx_msg(modem, sec, msec, mode, channel, type, power, frame, length);
 }
 
 void lan_tx_frame(uint32_t serial, uint32_t sec, uint16_t msec, uint32_t mode, uint8_t channel,

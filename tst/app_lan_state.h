@@ -31,4 +31,9 @@ ModemEntry *lan_slot_by_addr(const coap_address_t *address);
 // that a request goes on with one address while an info refreshes the slot.
 bool lan_copy_modem(uint32_t serial, ModemEntry *copy);
 
+// lan_send_tx_msg, which tells whether the request was made: false, with a trace, without memory.
+bool lan_try_tx_msg(const ModemEntry *modem, uint32_t sec, uint16_t msec, uint32_t mode,
+                    uint8_t channel, uint32_t type, uint8_t power, const uint8_t *frame,
+                    uint32_t length);
+
 #endif
