@@ -15,7 +15,8 @@ namespace
 
 constexpr const char *MODULE = VOS_FS_MODULE;
 constexpr uint32_t COPY_BUFFER_SIZE = 10240;
-constexpr char PARTIAL_SUFFIX[] = ".part"; // of a copy that is not complete yet
+constexpr char TEMPORARY_NAME[] = "copy_"; // and unique digits
+constexpr int UNIQUE_DRAWS_MAX = 1000;
 constexpr mode_t DIRECTORY_MODE = 0777;
 constexpr mode_t FILE_MODE = 0666;
 constexpr mode_t PERMISSION_BITS = 0777;
@@ -84,6 +85,25 @@ int enter_directory_of(const char *path)
     return result;
 }
 
+// The file's name and its directory as the system reads the path: a backslash is part of a name.
+
+const char *name_of(const char *path)
+{
+    const char *slash = strrchr(path, '/');
+    return slash != nullptr ? slash + 1 : path;
+}
+
+// A new string; null without memory.
+char *system_directory_of(const char *path)
+{
+    const auto length = static_cast<uint32_t>(name_of(path) - path);
+    char *directory = vos_mem_strndup(path, length + 1);
+    if (directory != nullptr && directory[length] != '\0') {
+        directory[length] = '.'; // "/a/b" gives "/a/.", "b" gives "."
+    }
+    return directory;
+}
+
 int copy_bytes(FILE *from, const char *source, FILE *to, const char *destination, char *buffer)
 {
     size_t count = 0;
@@ -108,17 +128,6 @@ int copy_bytes(FILE *from, const char *source, FILE *to, const char *destination
     return VOS_FS_OK;
 }
 
-// The new name is on the disk only once its directory is; some file systems can't sync one, which
-// says nothing about the copy.
-void sync_current_directory()
-{
-    const int descriptor = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor >= 0) {
-        fsync(descriptor);
-        close(descriptor);
-    }
-}
-
 // Where time_t has 32 bits, stat refuses a file with a time after January 2038; this does not.
 bool look_at(const char *path, struct statx *status)
 {
@@ -131,48 +140,136 @@ bool is_directory(const char *path)
     return look_at(path, &status) && S_ISDIR(status.stx_mode);
 }
 
-// A new file, also where one of that name was left behind or a link was laid.
-FILE *create_file(const char *path)
+// A copy under way: a file of the destination's directory that gets the destination's name once it
+// is complete, so that this name only ever leads to a whole file, the one before or the new one.
+struct NewFile {
+    FILE *stream;
+    int directory;      // descriptor
+    const char *name;   // of the destination
+    const char *linked; // name by now, to be removed after a failure; null for none
+    char temporary[sizeof TEMPORARY_NAME + VOS_FS_UNIQUE_DIGITS];
+    char shown[32]; // where the system shows an open file without a name
+};
+
+// Makes an entry of a name that the directory does not have, by a call that fails with EEXIST for
+// one that it has.
+template<typename Call> int under_unique_name(NewFile *file, Call call)
 {
-    unlink(path);
-    const int descriptor = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE);
-    FILE *stream = descriptor >= 0 ? fdopen(descriptor, "wb") : nullptr;
-    if (stream == nullptr && descriptor >= 0) {
-        const int error = errno;
-        close(descriptor);
-        unlink(path);
-        errno = error;
+    memcpy(file->temporary, TEMPORARY_NAME, sizeof TEMPORARY_NAME);
+    int result = -1;
+    errno = EEXIST;
+    for (int draw = 0; draw < UNIQUE_DRAWS_MAX && result < 0 && errno == EEXIST; ++draw) {
+        vos_fs_write_unique_digits(file->temporary + sizeof TEMPORARY_NAME - 1);
+        result = call(file->temporary);
     }
-    return stream;
+    file->linked = result >= 0 ? file->temporary : nullptr;
+    return result;
 }
 
-// Writes the copy under the name partial first, so that the destination only ever holds a whole
-// file: the one before, or the new one.
-int copy_by_rename(FILE *from, const char *source, const char *destination, const char *partial,
+// A file without a name goes with the process, however that ends. -1 where the file system has none
+// such, or no way to name it later.
+int open_nameless(NewFile *file)
+{
+    const mode_t mask = umask(S_IWGRP | S_IWOTH);
+    umask(mask); // some kernels don't apply it here
+    const int flags = O_TMPFILE | O_WRONLY | O_CLOEXEC;
+    const int descriptor = openat(file->directory, ".", flags, FILE_MODE & ~mask);
+    snprintf(file->shown, sizeof file->shown, "/proc/self/fd/%d", descriptor);
+    if (descriptor >= 0 && access(file->shown, F_OK) != 0) {
+        close(descriptor);
+        return -1;
+    }
+    return descriptor;
+}
+
+bool create_file(NewFile *file)
+{
+    int descriptor = open_nameless(file);
+    if (descriptor < 0) {
+        descriptor = under_unique_name(file, [file](const char *name) {
+            const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
+            return openat(file->directory, name, flags, FILE_MODE);
+        });
+    }
+    file->stream = descriptor >= 0 ? fdopen(descriptor, "wb") : nullptr;
+    if (file->stream == nullptr && descriptor >= 0) {
+        const int error = errno;
+        close(descriptor);
+        errno = error;
+    }
+    return file->stream != nullptr;
+}
+
+// The new name is on the disk only once its directory is; some file systems can't sync one, which
+// says nothing about the copy.
+void sync_directory(int directory)
+{
+    const int descriptor = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor >= 0) {
+        fsync(descriptor);
+        close(descriptor);
+    }
+}
+
+// Under the destination's name, or under another one when that is taken.
+bool link_nameless(NewFile *file)
+{
+    const auto link_as = [file](const char *name) {
+        return linkat(AT_FDCWD, file->shown, file->directory, name, AT_SYMLINK_FOLLOW);
+    };
+    if (link_as(file->name) == 0) {
+        file->linked = file->name;
+        return true;
+    }
+    return errno == EEXIST && under_unique_name(file, link_as) >= 0;
+}
+
+bool give_name(NewFile *file)
+{
+    if (file->linked == nullptr && !link_nameless(file)) {
+        return false;
+    }
+    const bool closed = fclose(file->stream) == 0;
+    file->stream = nullptr;
+    if (!closed || (file->linked != file->name &&
+                    renameat(file->directory, file->linked, file->directory, file->name) != 0)) {
+        return false;
+    }
+    file->linked = nullptr;
+    sync_directory(file->directory);
+    return true;
+}
+
+int write_new_file(NewFile *file, FILE *from, const char *source, const char *destination,
                    char *buffer)
 {
-    if (vos_fs_is_same_file(source, partial)) {
-        vos_trace_error(MODULE, __LINE__, "Can't open dest file \"%s\" : %s", partial,
-                        "it is the source file");
-        return VOS_FS_FAILED;
-    }
-    FILE *to = create_file(partial);
-    if (to == nullptr) {
+    if (file->directory < 0 || !create_file(file)) {
         vos_trace_error(MODULE, __LINE__, "Can't open dest file \"%s\" : %s", destination,
                         strerror(errno));
         return VOS_FS_FAILED;
     }
-    int result = copy_bytes(from, source, to, destination, buffer);
-    const bool closed = fclose(to) == 0;
-    if (result == VOS_FS_OK && !(closed && rename(partial, destination) == 0)) {
+    const int result = copy_bytes(from, source, file->stream, destination, buffer);
+    if (result == VOS_FS_OK && !give_name(file)) {
         vos_trace_error(MODULE, __LINE__, "Can't write dest file \"%s\" : %s", destination,
                         strerror(errno));
-        result = VOS_FS_FAILED;
+        return VOS_FS_FAILED;
     }
-    if (result == VOS_FS_OK) {
-        sync_current_directory();
-    } else {
-        unlink(partial);
+    return result;
+}
+
+int copy_to_new(FILE *from, const char *source, const char *destination, const char *directory,
+                char *buffer)
+{
+    NewFile file{};
+    file.directory = open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC);
+    file.name = name_of(destination);
+    const int result = write_new_file(&file, from, source, destination, buffer);
+    if (file.linked != nullptr) {
+        unlinkat(file.directory, file.linked, 0);
+    }
+    vos_fs_fclose(&file.stream);
+    if (file.directory >= 0) {
+        close(file.directory);
     }
     return result;
 }
@@ -200,17 +297,17 @@ bool is_special(const char *path)
 int copy_stream(FILE *from, const char *source, const char *destination)
 {
     char *buffer = nullptr;
-    char *partial = vos_fs_append(destination, PARTIAL_SUFFIX);
+    char *directory = system_directory_of(destination);
     vos_mem_alloc(&buffer, COPY_BUFFER_SIZE);
     int result = VOS_FS_NO_MEMORY;
-    if (buffer == nullptr || partial == nullptr) {
+    if (buffer == nullptr || directory == nullptr) {
         vos_trace_error(MODULE, __LINE__, "Memory overflow");
     } else if (is_special(destination)) {
         result = copy_to_special(from, source, destination, buffer);
     } else {
-        result = copy_by_rename(from, source, destination, partial, buffer);
+        result = copy_to_new(from, source, destination, directory, buffer);
     }
-    vos_mem_free(&partial);
+    vos_mem_free(&directory);
     vos_mem_free(&buffer);
     return result;
 }

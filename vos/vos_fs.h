@@ -68,9 +68,12 @@ int vos_fs_enter_dir(const char *path);
 // Copying and moving. The destination is absolute; its directory is entered first, so a relative
 // source is looked up there.
 
-// Copies a file; the destination gets the mode of a new file. The copy is made under the name with
-// ".part" behind it and then takes the place of the destination, or of a link there: after a
-// failure, a full disk say, the destination is what it was before. A device or pipe is written to.
+// Copies a file; the destination gets the mode of a new file. The copy gets the destination's name
+// once it is complete, and takes the place of what was there, of a link too: after a failure, a
+// full disk say, the destination is what it was before. A device or pipe is written to.
+// Nothing else is touched, and a process that is killed on the way leaves nothing; but where the
+// file system has no files without a name, and for the moment in which a file is replaced, the copy
+// is "copy_" and four digits beside the destination.
 // The bytes are on the disk when it returns 1.
 int vos_fs_copy_file(const char *source, const char *destination);
 

@@ -148,7 +148,11 @@ TEST_F(Fault, OfACallIsToldOrOvercome)
         {"fread 1 1 0", "-u /tmp/fw", lost},
         {"fsync 1 1 22", "-u /tmp/fw", done},
         {"fsync 1 1 5", "-u /tmp/fw", lost},
-        {"rename 2 1 5", "-u /tmp/fw", lost},
+        {"rename 1 2 1", "-u /tmp/fw", done},    // the copy replaces the earlier image
+        {"openat64 1 1 95", "-u /tmp/fw", done}, // no files without a name
+        {"openat64 1 2 95", "-u /tmp/fw", lost},
+        {"linkat 1 1 17", "-u /tmp/fw", done}, // somebody else took the name
+        {"linkat 1 1 5", "-u /tmp/fw", lost},
         {"fdopen 1 1 12", "-u /tmp/fw", lost}};
     for (const auto &[fault, arguments, printed, from] : cases) {
         const auto begin = std::chrono::steady_clock::now();

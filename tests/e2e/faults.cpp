@@ -76,9 +76,11 @@ FAULTY(pthread_create, plan.number)
 FAULTY(signal, -1)
 FAULTY(getcwd, 0)
 FAULTY(fopen64, 0)
+FAULTY(openat64, -1)
 FAULTY(fdopen, 0)
 FAULTY(fsync, -1)
 FAULTY(rename, -1)
+FAULTY(linkat, -1)
 // With its descriptor gone the stream itself meets the error.
 FAULTY(fread, (close(fileno(std::bit_cast<FILE *>(d))), __real_fread(a, b, c, d, e)))
 

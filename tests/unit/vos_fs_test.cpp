@@ -1,8 +1,10 @@
 #include "vos_fs.h"
 
+#include <csignal>
 #include <fcntl.h>
 #include <fstream>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include "support.h"
 #include "vos_mem.h"
@@ -55,6 +57,8 @@ struct Fs : testing::Test {
 
 TEST_F(Fs, WalksCopiesAndMoves)
 {
+    const std::string longest(255, 'n');
+    std::filesystem::create_directories("d/w.part");
     std::ofstream("s") << CONTENT;
     std::ofstream("huge").seekp(1LL << 32).put('h'); // of it one block takes room
     std::filesystem::create_symlink("/dev/full", "full");
@@ -64,9 +68,12 @@ TEST_F(Fs, WalksCopiesAndMoves)
     const Row rows[] = {
         {'c', 1, "@/s", "@/a/b/t"},
         {'c', -1, "@/s", "@/s", "Can't open dest file \"@/s\" : it is the source file"},
-        {'c', 1, "@/s", "@/a/t.part"}, // where a copy to t begins
-        {'c', -1, "@/a/t.part", "@/a/t",
-         "Can't open dest file \"@/a/t.part\" : it is the source file"},
+        {'c', 1, "@/s", "@/a/t.part"}, // neighbours that are nobody's business
+        {'c', 1, "@/a/t.part", "@/a/t"},
+        {'c', 1, "@/s", "@/d/w"},
+        {'c', 1, "@/s", "@/n/" + longest},
+        {'c', 1, "@/s", "@/n/" + longest}, // takes the place of the first
+        {'c', -1, "@/s", "@/n", "Can't open dest file \"@/n\" : Is a directory"},
         {'c', -1, "@/s", "@/full", "Can't write dest file \"@/full\" : No space left on device"},
         {'c', -1, "@/x", "@/y", "Can't open source file \"@/x\" : No such file or directory"},
         {'m', -3, "@/s", "b", "Invalid destination filename"},
@@ -86,14 +93,38 @@ TEST_F(Fs, WalksCopiesAndMoves)
         {'o', -3, "@", "e/", "Filename length is 0"},
         {'o', -1, "@", "e", "Cant open file \"e\" : Is a directory"},
         {'o', -3, "", "e", "Invalid parameter dirname=\"\" filename=\"e\""}};
-    umask(0);
+    umask(027);
     for (const Row &row : rows) {
         expect(row);
     }
-    EXPECT_EQ(std::filesystem::status(place("@/m")).permissions(), std::filesystem::perms::all);
-    EXPECT_TRUE(content_of(place("@/m/w")) == CONTENT && content_of(place("@/a/b/t")) == CONTENT);
-    EXPECT_EQ(content_of(place("@/s")) + content_of(place("@/a/b/t.part")), "--");
+    const auto mode = [&](const char *path) {
+        return std::filesystem::status(place(path)).permissions();
+    };
+    EXPECT_EQ(mode("@/m"), std::filesystem::perms{0750});
+    EXPECT_EQ(mode("@/m/w"), std::filesystem::perms{0640});
+    for (const char *path : {"@/m/w", "@/a/b/t", "@/a/t", "@/a/t.part"}) {
+        EXPECT_TRUE(content_of(place(path)) == CONTENT) << path;
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(place("@/d/w.part")));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(place("@/n")), {}), 1);
+    EXPECT_EQ(content_of(place("@/s")), "-");
     EXPECT_EQ(content_of(place("@/y")) + content_of(place("@/e/f/g")), "-");
+}
+
+TEST_F(Fs, LeavesNothingOfACopyThatIsKilled)
+{
+    const std::string from = place("@/pipe"), to = place("@/d/t");
+    ASSERT_EQ(mkfifo(from.c_str(), 0600), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(vos_fs_copy_file(from.c_str(), to.c_str()));
+    }
+    std::ofstream pipe(from);
+    pipe << CONTENT << std::flush; // more than a pipe holds: some of it has been copied
+    kill(child, SIGKILL);
+    while (waitpid(child, nullptr, 0) != child) {
+    }
+    EXPECT_TRUE(std::filesystem::is_empty("d"));
 }
 
 TEST_F(Fs, TellsWhatIsThere)
