@@ -175,9 +175,10 @@ uint32_t lan_get_tx_count();
 
 // Moves the firmware file at path (absolute) to the firmware directory, under the modem's serial
 // number, and tells the modem its size; name is kept with the modem for the report of the outcome.
-// The file given is consumed: it is moved, or removed when the upgrade can't be done. Changes the
-// current directory of the process to the firmware directory. 1 when the modem was asked (whatever
-// it answered), -1 with an ERROR line.
+// The file given is consumed: it is moved, or removed when the upgrade can't be done. The image of
+// an earlier upgrade is replaced; before a copy from another file system it is removed, once the
+// file given is found to be readable. Changes the current directory of the process to the firmware
+// directory. 1 when the modem was asked (whatever it answered), -1 with an ERROR line.
 int lan_fw_upgrade(uint32_t serial, const char *path, const char *name);
 
 // Sends the file at path in packets of packet_size bytes, each as a radio frame to transmit, with

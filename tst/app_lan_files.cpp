@@ -48,12 +48,17 @@ void remove_entry(const char *path)
     }
 }
 
-// The file of an upgrade that can't be done. It may be gone already; a device or a pipe named by
-// mistake stays.
-void remove_file(const char *path)
+// The file of an upgrade that can't be done is consumed too. It may be gone already; a device or a
+// pipe named by mistake stays.
+bool is_consumed(const char *path)
 {
     const mode_t type = type_of(path);
-    if (type == S_IFREG || type == S_IFLNK) {
+    return type == S_IFREG || type == S_IFLNK;
+}
+
+void remove_file(const char *path)
+{
+    if (is_consumed(path)) {
         remove_entry(path);
     }
 }
@@ -119,39 +124,28 @@ bool send_packets(uint32_t serial, FILE *file, uint32_t packet_size, uint32_t de
     uint8_t packet[MAX_PACKET_SIZE];
     ModemEntry modem;
     uint16_t counter = 1;
+    bool all = true;
     while (fread(packet, 1, packet_size, file) == packet_size && lan_copy_modem(serial, &modem)) {
         vos_trace_debug(MODULE, __LINE__, "Send packet n %d", counter);
         all &= lan_try_tx_msg(&modem, 0, 0, PACKET_RADIO_MODE, PACKET_CHANNEL, PACKET_TYPE,
                               PACKET_POWER, packet, packet_size);
         vos_util_sleep(delay);
-    bool all = true;
         ++counter;
     }
+    return all;
 }
 
-// Leaves the process in the firmware directory. A link would lead astray there: the file that it
-// names is copied, and the link goes.
-int move_firmware(const char *path, const char *placed)
-    return all;
+// The file that a link names is copied, and the link goes: moved itself, it would lead astray. It
+// may lead through a link in the place, or be that one.
+int copy_link(const char *path, const char *placed)
 {
-    const bool is_link = type_of(path) == S_IFLNK;
-    const mode_t type_in_place = type_of(placed);
-    if (type_in_place == S_IFREG && vos_fs_is_same_file(path, placed)) {
-        if (is_link) {
-            remove_entry(path);
-        }
-        return vos_fs_move_file(placed, placed);
-    }
     char source[PATH_MAX];
-    if (is_link && realpath(path, source) == nullptr) {
+    if (realpath(path, source) == nullptr) {
         vos_trace_error(MODULE, __LINE__, "Can't follow link %s : %s", path, strerror(errno));
         return VOS_FS_FAILED;
     }
-    if (type_in_place != 0) {
-        remove_entry(placed); // of an earlier upgrade of this modem: there may not be room for both
-    }
-    if (!is_link) {
-        return vos_fs_move_file(path, placed);
+    if (type_of(placed) != S_IFREG) {
+        unlink(placed);
     }
     const int result = vos_fs_copy_file(source, placed);
     if (result == VOS_FS_OK && type_of(path) == S_IFLNK) { // it was not the one in place
@@ -160,13 +154,54 @@ int move_firmware(const char *path, const char *placed)
     return result;
 }
 
+// Before a copy across file systems: there may be no room for the image of an earlier upgrade as
+// well. It stays when the copy can't even begin. What is no image, a pipe, would be written to.
+void remove_earlier(const char *path, const char *placed)
+{
+    FILE *source = vos_fs_fopen(path, "rb");
+    if (source != nullptr) {
+        unlink(placed);
+    }
+    vos_fs_fclose(&source);
+}
+
+// Leaves the process in the firmware directory. The system refuses to rename anything to ".", a
+// link here, but says first when that would lead to another file system.
+int move_firmware(const char *path, const char *placed)
+{
+    if (vos_fs_enter_dir(FIRMWARE_DIRECTORY) != VOS_FS_OK) {
+        return VOS_FS_FAILED;
+    }
+    const bool is_link = type_of(path) == S_IFLNK;
+    if (rename(path, is_link ? "." : placed) == 0) {
+        return VOS_FS_OK;
+    }
+    const bool crosses = errno == EXDEV;
+    const bool is_same = vos_fs_is_same_file(path, placed);
+    if (is_same && type_of(placed) == S_IFREG) {
+        if (is_link) {
+            remove_entry(path);
+        }
+        return VOS_FS_OK;
+    }
+    if (is_link && (is_same || !crosses)) {
+        return copy_link(path, placed);
+    }
+    if (crosses || type_of(placed) != S_IFREG) {
+        remove_earlier(path, placed);
+    }
+    return vos_fs_move_file(path, placed);
+}
+
 // Size of the file once it is in its place: it may have changed since it was first looked at. 0,
-// with a trace, when nothing was placed.
+// with a trace, when it can't be announced.
 uint32_t place_firmware(const char *path, const char *placed, const char *name)
 {
     if (move_firmware(path, placed) != VOS_FS_OK) {
         vos_trace_error(MODULE, __LINE__, "Can not move fw file %s to %s", path, placed);
-        remove_file(placed); // a whole copy, but of a source that can't be removed
+        if (is_consumed(path)) {
+            unlink(path); // one that can't be removed stays where it is, as that line says
+        }
         return 0;
     }
     uint32_t size = 0;
@@ -174,6 +209,7 @@ uint32_t place_firmware(const char *path, const char *placed, const char *name)
     if (size == 0) {
         vos_trace_error(MODULE, __LINE__, "Empty firmware for upgrade(%s), name:%s", placed, name);
         remove_file(placed);
+        remove_file(path);
     }
     return size;
 }
@@ -194,7 +230,6 @@ int lan_fw_upgrade(uint32_t serial, const char *path, const char *name)
     snprintf(placed, sizeof placed, "%s%x", FIRMWARE_DIRECTORY, serial);
     size = place_firmware(path, placed, name);
     if (size == 0) {
-        remove_file(path);
         return -1;
     }
     // The move has left the process in the firmware directory.

@@ -13,6 +13,7 @@ namespace e2e
 namespace
 {
 namespace fs = std::filesystem;
+const std::string PLACED = "/var/ftp/a1b2c3";
 const std::string ACTION = "Perform action", SERVING = "Start CoAP server";
 
 // The tool of faults.cpp beside a modem that answers whatever it is asked.
@@ -49,7 +50,8 @@ struct Fault : testing::Test {
     {
         SCOPED_TRACE(arguments + " with " + fault);
         setenv("FAULT", (fault + ' ' + from).c_str(), 1);
-        fs::remove_all("/var/ftp");
+        fs::create_directory("/var/ftp");
+        std::ofstream(PLACED) << "earlier";
         std::ofstream("/tmp/fw") << std::string(128, 'f');
         unknown = true;
         served = false;
@@ -90,9 +92,10 @@ TEST_F(Fault, OfAnyAllocationEndsInARefusalOrAnError)
             all = run(arguments, text("alloc %d 1 12", nth), arguments.empty() ? "" : ACTION);
             const bool placed = all.find("name:manual, size:128") != Bytes::npos;
             const bool upgrade = arguments.starts_with("-u");
-            EXPECT_TRUE(placed
-                            ? fs::file_size("/var/ftp/a1b2c3") == 128
-                            : fs::exists("/tmp/fw") != upgrade && !fs::exists("/var/ftp/a1b2c3"));
+            const std::string there = content_of(PLACED);
+            EXPECT_TRUE(placed ? there.size() == 128
+                               : fs::exists("/tmp/fw") != upgrade &&
+                                     (there == "earlier" || (upgrade && there == "-")));
             int done = 0;
             for (std::size_t at = 0; (at = all.find("RES:2.0", at)) != Bytes::npos; ++at) {
                 ++done;
@@ -161,6 +164,8 @@ TEST_F(Fault, OfACallIsToldOrOvercome)
             EXPECT_GT(std::chrono::steady_clock::now() - begin, milliseconds(1900)) << fault;
         }
         EXPECT_TRUE(all.find(printed) != Bytes::npos && all.ends_with(", harmed\n"))
+            << fault << all;
+        EXPECT_EQ(std::distance(fs::directory_iterator("/var/ftp"), {}), printed != lost)
             << fault << all;
     }
 }

@@ -15,6 +15,7 @@ namespace
 namespace fs = std::filesystem;
 
 const std::string PLACED = "/var/ftp/a1b2c3";
+const std::string UNREADABLE = "/sys/bus/platform/drivers_probe"; // for root too
 const std::string RESULT = "DEBUG:coap_client:COAP RES:";
 
 // Two small file systems of the test's own: the working directory and /var.
@@ -106,19 +107,32 @@ TEST_F(Firmware, IsRenamedOnOneFileSystemAndRemovedWhenItFails)
 
 TEST_F(Firmware, ThatALinkNamesIsCopiedAndTheLinkGoes)
 {
-    const std::string links[][2] = {
-        {"/var/link", "fw"}, {"/var/link", PLACED}, {PLACED, "/var/fw"}};
+    const std::string links[][3] = {{"/var/link", "fw", copy_line("/var/fw")},
+                                    {"/tmp/link", "/var/fw", copy_lines("/tmp/link")},
+                                    {"/tmp/link", PLACED, ""},
+                                    {"/var/link", PLACED, ""},
+                                    {PLACED, "/var/fw", copy_line("/var/fw")},
+                                    {"/var/hard", "", ""}, // names of the file in place
+                                    {"/tmp/ftp/a1b2c3", "", ""}};
     fs::create_directory("/var/ftp");
+    fs::create_directory("/tmp/ftp");
+    ASSERT_EQ(mount("/var/ftp", "/tmp/ftp", nullptr, MS_BIND, nullptr), 0);
     ASSERT_EQ(mkfifo(PLACED.c_str(), 0600), 0); // the first copy must not wait for its reader
-    for (const auto &[link, file] : links) {
+    for (const auto &[link, file, moving] : links) {
+        SCOPED_TRACE(link + file);
         std::ofstream("/var/fw") << "new";
-        fs::create_symlink(file, link);
+        if (!file.empty()) {
+            fs::remove(link);
+            fs::create_symlink(file, link);
+        } else if (link == "/var/hard") {
+            fs::create_hard_link(PLACED, link);
+        }
         Peer modem;
         Process tool("-u " + link);
-        announce(tool, modem, link, file == PLACED ? "" : copy_line("/var/fw"), 3);
+        announce(tool, modem, link, moving, 3);
         EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(PLACED)));
         EXPECT_EQ(content_of(PLACED) + content_of("/var/fw"), "newnew");
-        fs::remove(file == PLACED ? PLACED : "");
+        EXPECT_EQ(fs::exists(fs::symlink_status(link)), file.empty() || link == PLACED);
     }
 }
 
@@ -129,6 +143,7 @@ TEST_F(Firmware, ThatCanNotBePlacedIsNotAnnounced)
         std::size_t size;                // of the file made; 0 for none
         std::string failure, error;      // lines
         std::string obstacle{}, stays{}; // what is where /var/ftp should be; what is still there
+        std::string placed{"earlier"};   // what is in place
     } cases[] = {
         {"/tmp/missing", 0,
          "ERROR:vos_fs:Can't obtain file stats for file \"/tmp/missing\" : No such "
@@ -138,25 +153,31 @@ TEST_F(Firmware, ThatCanNotBePlacedIsNotAnnounced)
         {"/tmp", 0, "ERROR:vos_fs:/tmp is a directory\n",
          "Empty firmware for upgrade(/tmp), name:manual", "", "/tmp"},
         {"/tmp/pipe", 0, "", "Empty firmware for upgrade(/tmp/pipe), name:manual", "", "/tmp/pipe"},
+        {UNREADABLE, 0,
+         copy_lines(UNREADABLE) + "ERROR:vos_fs:Can't open source file \"" + UNREADABLE +
+             "\" : Permission denied\n",
+         "Can not move fw file " + UNREADABLE + " to /var/ftp/a1b2c3", "", UNREADABLE},
         {"/tmp/fw", 2'000'000,
          copy_lines("/tmp/fw") +
              "ERROR:vos_fs:Can't write dest file \"/var/ftp/a1b2c3\" : No space left on device\n",
-         "Can not move fw file /tmp/fw to /var/ftp/a1b2c3"},
+         "Can not move fw file /tmp/fw to /var/ftp/a1b2c3", "", "", "-"},
         {"/tmp/fw", 10, "ERROR:vos_fs:Can't change directory \"ftp\" : Not a directory\n",
-         "Can not move fw file /tmp/fw to /var/ftp/a1b2c3", "/var/ftp", "/var/ftp"},
+         "Can not move fw file /tmp/fw to /var/ftp/a1b2c3", "/var/ftp", "/var/ftp", "-"},
         {"/tmp/busy", 0,
          copy_lines("/tmp/busy") +
              "ERROR:vos_fs:Can't remove source file \"/tmp/busy\" : Device or resource busy\n",
-         "Can not move fw file /tmp/busy to /var/ftp/a1b2c3\n"
-         "ERROR:app_lan:Can't remove file /tmp/busy : Device or resource busy",
-         "", "/tmp/busy"},
+         "Can not move fw file /tmp/busy to /var/ftp/a1b2c3", "", "/tmp/busy", "firmware"},
     };
     ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
     std::ofstream("/tmp/busy") << "firmware"; // stays where it is: another mount holds it
     ASSERT_EQ(mount("/tmp/busy", "/tmp/busy", nullptr, MS_BIND, nullptr), 0);
-    for (const auto &[path, size, failure, error, obstacle, stays] : cases) {
+    for (const auto &[path, size, failure, error, obstacle, stays, placed] : cases) {
         SCOPED_TRACE(path + failure);
         fs::remove_all("/var/ftp");
+        if (obstacle.empty()) {
+            fs::create_directory("/var/ftp");
+            std::ofstream(PLACED) << "earlier";
+        }
         if (size != 0 || path.ends_with("empty")) {
             std::ofstream(path) << std::string(size, 'x');
         }
@@ -169,7 +190,7 @@ TEST_F(Firmware, ThatCanNotBePlacedIsNotAnnounced)
         tool.expect("ERROR:app_lan:" + error + "\n");
         EXPECT_EQ(hex(modem.receive(milliseconds(300))), "");
         EXPECT_EQ(fs::exists(path), path == stays);
-        EXPECT_FALSE(fs::exists(PLACED) || fs::exists(PLACED + ".part"));
+        EXPECT_EQ(content_of(PLACED), placed);
         EXPECT_TRUE(stays.empty() || fs::exists(stays));
     }
 }
