@@ -123,7 +123,6 @@ TEST_F(Fault, OfACallIsToldOrOvercome)
     } cases[] = {
         {"write 1 9 4", "-c 3", SERVING, ""},
         {"write 1 9 11", "-c 3", SERVING, ""},
-        {"short 1 99 0", "-c 3", done, ""},
         {"epoll_wait 1 3 4", "-c 3", done, ""},
         {"epoll_wait 1 3 4", "-c 3", done},
         {"epoll_wait 1 3 12", "-c 3", done},

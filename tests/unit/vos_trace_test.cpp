@@ -1,5 +1,11 @@
 #include "vos_trace.h"
 
+#include <csignal>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdio_ext.h>
+#include <thread>
+
 #include "support.h"
 
 namespace
@@ -33,16 +39,140 @@ TEST(Trace, LinesArePrefixedInUtcAndCut)
     }
 }
 
-TEST(Trace, PrefixesAreThoseOfTheirPlaces)
+TEST(Trace, AnySourceAndLineStandInThePrefix)
 {
     fake_clock = {1795380088, 0};
-    for (const int line : {10, 42, -22, 10, INT_MIN}) {
-        for (const std::string source :
-             {"fifteen_letters", "m", "fifteen_letters", "", "16_letters_of_it"}) {
+    const std::string stamp = "20261122-204128:";
+    for (const int line : {10, 0, -22, INT_MIN}) {
+        for (const std::string &source : {std::string("m"), std::string(), std::string(500, 's')}) {
             const auto trace = [&] { vos_trace_error(source.c_str(), line, "e"); };
             EXPECT_EQ(output_of(trace),
-                      "20261122-204128:ERROR:" + source + ':' + std::to_string(line) + ":e\n");
+                      stamp + "ERROR:" + source + ':' + std::to_string(line) + ":e\n");
         }
+    }
+    for (size_t room = 0; room < 8; ++room) { // behind the prefix, for the dump of two bytes
+        const std::string source(1023 - 16 - 5 - 3 - room, 's');
+        const std::string prefix = stamp + "DUMP:" + source + ":7:";
+        EXPECT_EQ(output_of([&] { vos_trace_dump(source.c_str(), 7, "\1\2", 2); }),
+                  prefix + (room < 3   ? "\n"
+                            : room < 6 ? "01 \n" + prefix + "02 \n"
+                                       : "01 02 \n"));
+    }
+    const std::string endless(2000, 's');
+    for (const int line : {7, INT_MIN}) {
+        EXPECT_EQ(output_of([&] { vos_trace_dump(endless.c_str(), line, "\1", 1); }),
+                  stamp + "DUMP:" + std::string(1023 - 16 - 5, 's') + "\n");
+    }
+}
+
+// A pipe in place of standard output; with O_DIRECT every write can be read by itself.
+struct OutputPipe {
+    explicit OutputPipe(int flags)
+    {
+        EXPECT_EQ(pipe2(ends, flags | O_CLOEXEC), 0);
+        stdout = fdopen(ends[1], "w");
+    }
+    ~OutputPipe()
+    {
+        fclose(std::exchange(stdout, before));
+        close(ends[0]);
+    }
+    std::string read_once() const
+    {
+        std::string text(70'000, '\0');
+        const ssize_t size = read(ends[0], text.data(), text.size());
+        return text.substr(0, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    }
+    FILE *before = stdout;
+    int ends[2];
+};
+
+TEST(Trace, ALineIsOneWriteBehindWhatWasPrintedBefore)
+{
+    fake_clock = {1795380088, 0};
+    const std::string begin = "20261122-204128:INFO:", part(4000, 'p'); // fills a buffer nearly
+    for (const int mode : {_IOLBF, _IOFBF, _IONBF}) {
+        std::vector<std::string> writes, wanted;
+        {
+            const OutputPipe pipe(O_DIRECT | O_NONBLOCK);
+            setvbuf(stdout, nullptr, mode, BUFSIZ);
+            for (const size_t size : {3U, 10U, 1002U}) {
+                const std::string text = "a\n" + std::string(size - 3, 'x') + "\n";
+                vos_trace_info("%s", text.c_str());
+                fputs(part.c_str(), stdout);
+                vos_trace_info("%s", text.c_str());
+                for (const std::string &one : {begin + text + "\n", part, begin + text + "\n"}) {
+                    writes.push_back(pipe.read_once());
+                    wanted.push_back(one);
+                }
+            }
+        }
+        EXPECT_EQ(writes, wanted) << mode;
+    }
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *before = std::exchange(stdout, open_memstream(&text, &size));
+    printf("one, ");
+    errno = EAGAIN;
+    vos_trace_info("two");
+    EXPECT_EQ(errno, EAGAIN) << "is still the caller's";
+    fclose(std::exchange(stdout, before));
+    EXPECT_EQ(text, "one, " + begin + "two\n");
+    free(text);
+}
+
+TEST(Trace, NothingIsLostOrTornWhenTheReaderIsSlow)
+{
+    for (const int mode : {_IOLBF, _IOFBF, _IONBF}) {
+        std::string wanted, printed;
+        for (int i = 0; i < 500; ++i) {
+            wanted += std::to_string(i) + std::string(900, 'x') + "\n";
+        }
+        {
+            const OutputPipe pipe(O_NONBLOCK);
+            setvbuf(stdout, nullptr, mode, BUFSIZ);
+            const std::jthread writer([] {
+                for (int i = 0; i < 500; ++i) {
+                    vos_trace_info("%d%s", i, std::string(900, 'x').c_str());
+                }
+            });
+            pollfd readable = {pipe.ends[0], POLLIN, 0};
+            while (poll(&readable, 1, 1000) == 1) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                printed += pipe.read_once();
+            }
+        }
+        std::istringstream lines(printed);
+        std::string all;
+        for (std::string line; std::getline(lines, line); all += line.substr(21) + "\n") {
+            ASSERT_EQ(line.substr(15, 6), ":INFO:");
+        }
+        EXPECT_TRUE(all == wanted) << mode;
+    }
+}
+
+TEST(Trace, AReaderThatIsGoneCostsItsLinesAlone)
+{
+    signal(SIGPIPE, SIG_IGN);
+    for (const int mode : {_IOLBF, _IOFBF, _IONBF}) {
+        int ends[2];
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        close(ends[0]);
+        std::string printed;
+        for (const int broken : {open("/dev/full", O_WRONLY | O_CLOEXEC), ends[1]}) {
+            const OutputPipe pipe(O_NONBLOCK);
+            setvbuf(stdout, nullptr, mode, BUFSIZ);
+            const int whole = dup(pipe.ends[1]);
+            dup2(broken, pipe.ends[1]);
+            vos_trace_info("lost");
+            printed += std::to_string(__fpending(stdout));
+            dup2(whole, pipe.ends[1]);
+            vos_trace_info("printed");
+            printed += pipe.read_once().substr(15);
+            close(broken);
+            close(whole);
+        }
+        EXPECT_EQ(printed, "0:INFO:printed\n0:INFO:printed\n") << mode;
     }
 }
 
@@ -58,6 +188,13 @@ TEST(Trace, NumbersReadAsPrintfWritesThem)
                       std::string("INFO:") + wanted + "|");
         }
     }
+    for (const auto &[format, text] : Table<const char *, const char *>{
+             {"50 %", "50 "}, {"a %d %", "a 7 "}, {"%c|", "\a|"}, {"%s|", "(null)|"}}) {
+        const int number = strchr(format, 's') != nullptr ? 0 : 7;
+        EXPECT_EQ(output_of([&, f = format] { vos_trace_info(f, number, 0, 0); }).substr(21),
+                  std::string(text) + "\n");
+    }
+    EXPECT_EQ(output_of([] { vos_trace_info("a%cb%d", 0, 1); }).substr(21), "a\n");
     const std::string text(990, 'x'); // the numbers reach the end of the line
     for (const char *format : {"%s%d%d", "%s-%x%d", "%s --%09d%d"}) {
         char wanted[1100];
