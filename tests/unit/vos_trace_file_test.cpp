@@ -129,6 +129,55 @@ TEST(TraceFile, RotatesWhenTheDayOfTheMonthChanges)
     EXPECT_TRUE(content_of("logs/traceagent.txt").ends_with(":d\n"));
 }
 
+TEST(TraceFile, ASecondInitLeavesTheOpenFileAsLongAsItServes)
+{
+    const Scratch scratch;
+    fake_clock = {EVENING, 0};
+    const auto init = [&](const char *subdir, const char *base) {
+        vos_trace_init(scratch.path.c_str(), subdir, base);
+        return output_of([] { trace("x"); });
+    };
+    std::string daily, sized;
+    vos_trace_set_file_count(0);
+    daily = init("l", "b");
+    daily += init("l", "b");
+    daily += init("l/", nullptr);
+    EXPECT_EQ(content_of("l/b.txt"), daily);
+    for (const char *base : {"b", "c"}) {
+        const std::string line = init("m", base);
+        EXPECT_EQ(content_of(std::string("m/") + base + ".txt"), line);
+    }
+    vos_trace_set_file_count(9);
+    for (const char *subdir : {"s", "t", "s", "t"}) {
+        sized += init(subdir, "c");
+    }
+    EXPECT_EQ(names_in("t").size(), 0U);
+    vos_trace_set_file_size(1);
+    sized += init("t", "c");
+    EXPECT_EQ(content_of("s/c-20261122-235959"), sized);
+    EXPECT_EQ(content_of("t/c-20261122-235959"), "") << "the next one";
+    EXPECT_EQ(content_of("l/b.txt"), daily);
+}
+
+TEST(TraceFile, ADirectoryIsTakenWhenItsPathsHaveRoom)
+{
+    const Scratch scratch;
+    fake_clock = {EVENING, 0};
+    std::string root = scratch.path;
+    for (size_t i = 0; i < 4; ++i) {
+        root += '/' + std::string(200, 'd');
+    }
+    root += '/' + std::string(997 - root.size() - 4, 'e'); // with "/l/" behind it
+    fs::create_directories(root);
+    EXPECT_EQ(lines_of([&] { vos_trace_init(root.c_str(), "ll", nullptr); }),
+              "trace path invalid, use stdout|");
+    vos_trace_init(root.c_str(), "l", nullptr);
+    vos_trace_set_file_size(1);
+    const std::string line = output_of([] { trace("1"); });
+    EXPECT_EQ(output_of([] { trace("1"); }), line);
+    EXPECT_EQ(names_in(root + "/l").size(), 3U) << "names of one second that differ";
+}
+
 TEST(TraceFile, ADirectoryThatVanishesOrFillsUpCostsTheFileAlone)
 {
     const Scratch scratch;
@@ -136,6 +185,7 @@ TEST(TraceFile, ADirectoryThatVanishesOrFillsUpCostsTheFileAlone)
     output_of([] { trace(std::string(900, 'x').c_str()); }); // what is captured below stays smaller
     const std::string file = fs::directory_iterator("l")->path();
     const std::string whole = content_of(file);
+    vos_trace_set_file_size(static_cast<uint32_t>(whole.size()) + 29); // one more than a line's
     signal(SIGXFSZ, SIG_IGN);
     rlimit room = {};
     getrlimit(RLIMIT_FSIZE, &room);
