@@ -14,6 +14,7 @@ TEST(Mem, CountsBlocksAndBytes)
     vos_mem_calloc(&fifty, 50);
     vos_mem_free(&hundred);
     vos_mem_free(&hundred); // null by now
+    vos_mem_free(nullptr);
     EXPECT_EQ(vos_mem_get_maxmem() - vos_mem_get_memsize(), 100U);
     vos_mem_dump("dump");
     char expected[100]; // the module's lock counts, but not as a block
