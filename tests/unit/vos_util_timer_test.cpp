@@ -134,6 +134,7 @@ TEST(Timer, ReportsWhatItRefusesAndWhatItCannotRead)
         const std::string lines =
             lines_of([&timer] { EXPECT_EQ(vos_util_start_timer(&timer, 0, 1, nullptr, 0), 0); });
         EXPECT_TRUE(lines.ends_with("DEBUG:vos_util:vos_util_start_timer refused|")) << lines;
+        EXPECT_TRUE(timer == nullptr);
     }
     refuse_threads = false;
     EXPECT_EQ(vos_mem_get_nbpools(), 0U) << "a task that never ran was left";
