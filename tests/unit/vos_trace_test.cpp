@@ -40,11 +40,17 @@ TEST(Trace, LinesArePrefixedInUtcAndCut)
     }
     for (size_t length = 980; length < 1030; ++length) { // to the end of the line and past it
         const std::string source(length, 's');
-        const std::string dump = (stamp + "DUMP:" + source + ":-2147483648:").substr(0, 1023);
-        const std::string both =
-            dump + (dump.size() + 6 > 1023 ? "01 \n" + dump + "02 \n" : "01 02 \n");
+        std::string wanted = stamp;
+        wanted.append("DUMP:").append(source).append(":-2147483648:");
+        wanted.resize(std::min<size_t>(wanted.size(), 1023));
+        const std::string prefix = wanted;
+        if (prefix.size() + 6 <= 1023) {
+            wanted.append("01 02 ");
+        } else if (prefix.size() + 3 <= 1023) {
+            wanted.append("01 \n").append(prefix).append("02 ");
+        }
         EXPECT_EQ(output_of([&] { vos_trace_dump(source.c_str(), INT_MIN, "\1\2", 2); }),
-                  dump.size() + 3 > 1023 ? dump + "\n" : both);
+                  wanted.append("\n"));
     }
 }
 
