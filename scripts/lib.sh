@@ -33,7 +33,7 @@ need_packages() {
     return 1
   fi
   echo "Installing Debian packages: ${missing[*]}"
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq update
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -o DPkg::Lock::Timeout=300 update
   as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install \
     "${missing[@]}" >/dev/null
 }
