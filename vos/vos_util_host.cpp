@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>

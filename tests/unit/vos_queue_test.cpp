@@ -1,5 +1,6 @@
 #include "vos_queue.h"
 
+#include <algorithm>
 #include <bit>
 #include <random>
 
