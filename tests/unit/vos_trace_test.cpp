@@ -1,5 +1,6 @@
 #include "vos_trace.h"
 
+#include <climits>
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
