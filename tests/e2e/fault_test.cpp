@@ -1,5 +1,7 @@
 #include "harness.h"
 
+#include "../private_mounts.h"
+
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
@@ -23,8 +25,8 @@ struct Fault : testing::Test {
         if (gateway_namespace < 0 || getenv("E2E_PROGRAMS") != nullptr) {
             GTEST_SKIP() << "needs namespaces, and this build's own tool";
         }
-        ASSERT_EQ(mount("tmpfs", "/var", "tmpfs", 0, nullptr), 0);
-        ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, nullptr), 0);
+        ASSERT_TRUE(mount_empty("/var"));
+        ASSERT_TRUE(mount_empty("/tmp"));
         setenv("E2E_PROGRAMS", WMBUSCTL_FAULTS, 1);
     }
     void TearDown() override { unsetenv("E2E_PROGRAMS"); }

@@ -76,6 +76,7 @@ TEST(Queue, KeysMarksAndNumbers)
     fail_allocation = 1;
     EXPECT_EQ(vos_queue_insert(list, a, INT16_MAX), -2);
     EXPECT_EQ(vos_queue_count(list), 6);
+    match = 0;
     vos_queue_destroy(&list);
     list = vos_queue_create(0, nullptr);
     for (const uintptr_t value : {0U, 2U, 3U}) {

@@ -14,8 +14,8 @@ namespace
 TEST(Trace, LevelSelectsTheLines)
 {
     const std::string all = "ERROR:m:100%d %n|WARNING:m:w|INFO:i1|DEBUG:m:d|DUMP:m:01 AB |";
+    uint32_t level = 0;
     for (const char *last : {"DUMP:m:01 AB |", "w|", "i1|", "01 AB |"}) { // start, levels 0, 1, 2
-        static uint32_t level = 0;
         const std::string lines = lines_of([] {
             vos_trace_error("m", 42, "%s", "100%d %n");
             vos_trace_warning("m", 42, "w");

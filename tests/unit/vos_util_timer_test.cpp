@@ -137,7 +137,7 @@ TEST(Timer, ReportsWhatItRefusesAndWhatItCannotRead)
         EXPECT_TRUE(timer == nullptr);
     }
     refuse_threads = false;
-    EXPECT_EQ(vos_mem_get_nbpools(), 0U) << "a task that never ran was left";
+    EXPECT_EQ(new_blocks(), 0U) << "a task that never ran was left";
     const std::string lines = lines_of([] {
         Expiries e;
         EXPECT_EQ(vos_util_start_timer(&e.timer, 1, 5, on_expiry, e.argument()), 1);
@@ -159,7 +159,8 @@ TEST(Timer, ReportsWhatItRefusesAndWhatItCannotRead)
 
 TEST(Timer, SurvivesStartsAndStopsFromManyThreads)
 {
-    static std::atomic<int> started = 0;
+    static std::atomic<int> started;
+    started = 0;
     output_of([] {
         Expiries e;
         std::vector<std::jthread> callers(4);
@@ -175,6 +176,6 @@ TEST(Timer, SurvivesStartsAndStopsFromManyThreads)
         callers.clear();
         vos_util_stop_timer(&e.timer);
     });
-    EXPECT_EQ(vos_mem_get_nbpools(), 0U);
+    EXPECT_EQ(new_blocks(), 0U);
 }
 } // namespace
