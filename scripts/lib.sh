@@ -73,3 +73,13 @@ run_tests() {
   fi
   return "$status"
 }
+
+# set_machine MACHINE: what differs between a gateway's processors; false for one that is not known.
+set_machine() {
+  machine=$1
+  case $machine in
+    armhf) triplet=arm-linux-gnueabihf loader=ld-linux-armhf.so.3 ;;
+    arm64) triplet=aarch64-linux-gnu loader=ld-linux-aarch64.so.1 ;;
+    *) return 1 ;;
+  esac
+}
