@@ -25,7 +25,7 @@ stop_child() {
 # prepare_systems SCRIPT: for a script that was called well.
 prepare_systems() {
   [ "$(id -u)" -eq 0 ] || fail "$1 needs root: it makes bare systems."
-  need_packages debootstrap git util-linux
+  need_packages debootstrap git iproute2 util-linux
   mkdir -p "$logs"
   chown --reference=. build # still the developer's, who calls this through sudo
   trap stop_child EXIT
@@ -54,19 +54,16 @@ enter_system='
   mount -t proc proc proc
   mount --rbind /sys sys
   mount --rbind /dev dev
+  [ -z "${own_network:-}" ] || ip link set lo up
   pivot_root . mnt
   umount -l /mnt
   exec env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
     ${TERM:+TERM="$TERM"} DEBIAN_FRONTEND=noninteractive "$@"'
 
-# in_system [-UNSHARE-OPTION...] FOLDER COMMAND...: as on a machine that has nothing but that system.
+# in_system FOLDER COMMAND...: as on a machine that has nothing but that system; with own_network set, not even
+# another's network.
 in_system() {
-  local options=()
-  while [[ $1 = -* ]]; do
-    options+=("$1")
-    shift
-  done
-  contained "${options[@]}" sh -ec "$enter_system" "$@"
+  contained ${own_network:+--net} sh -ec "$enter_system" "$@"
 }
 
 # logged NAME COMMAND...: with the output in build/debian/logs/NAME, shown when the command fails.
