@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <numeric>
 #include <string_view>
 #include <vector>
 
@@ -166,22 +167,21 @@ std::vector<const TableRow *> sorted_rows(const Table &table)
 
 using Widths = std::array<size_t, COLUMN_COUNT>;
 
-// The device type gets what the others leave.
-Widths make_widths(const std::vector<Cells> &lines, size_t columns)
+void widen(Widths &widths, const Cells &cells)
 {
-    Widths widths{};
-    size_t all = COLUMN_COUNT - 1;
     for (size_t i = 0; i < COLUMN_COUNT; ++i) {
-        for (const Cells &cells : lines) {
-            widths[i] = std::max(widths[i], cells[i].size());
-        }
-        all += widths[i];
+        widths[i] = std::max(widths[i], cells[i].size());
     }
+}
+
+// The device type gets what the others leave.
+void fit(Widths &widths, size_t columns)
+{
+    const size_t all = std::accumulate(widths.begin(), widths.end(), COLUMN_COUNT - 1);
+    size_t &type = widths[TYPE_COLUMN];
     if (columns != 0 && all > columns) {
-        size_t &width = widths[TYPE_COLUMN];
-        width -= std::min(all - columns, width - TYPE_WIDTH_MIN);
+        type -= std::min(all - columns, type - TYPE_WIDTH_MIN);
     }
-    return widths;
 }
 
 std::string line_of(const Cells &cells, const Widths &widths)
@@ -267,21 +267,24 @@ std::string table_text(const Table &table, const Window &window)
         last_line = "... and " + std::to_string(rows.size() - shown) + " more";
         rows.resize(shown);
     }
-    std::vector<Cells> lines(1);
-    std::transform(std::begin(COLUMNS), std::end(COLUMNS), lines[0].begin(),
+    Cells heading;
+    std::transform(std::begin(COLUMNS), std::end(COLUMNS), heading.begin(),
                    [](const auto &column) { return column.name; });
-    for (const TableRow *row : rows) {
-        lines.push_back(make_cells(*row, newest));
+    Widths widths{};
+    widen(widths, heading);
+    for (const TableRow *row : rows) { // whose cells are made twice rather than kept
+        widen(widths, make_cells(*row, newest));
     }
-    const Widths widths = make_widths(lines, window.columns);
+    fit(widths, window.columns);
     std::string text;
     const auto append_line = [&](std::string_view line) {
         text += line.substr(0, window.lines != 0 ? window.columns : line.size());
         text += '\n';
     };
     append_line(title_of(table, newest));
-    for (const Cells &cells : lines) {
-        append_line(line_of(cells, widths));
+    append_line(line_of(heading, widths));
+    for (const TableRow *row : rows) {
+        append_line(line_of(make_cells(*row, newest), widths));
     }
     if (!last_line.empty()) {
         append_line(last_line);
