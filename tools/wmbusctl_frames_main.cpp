@@ -138,8 +138,9 @@ Input wait_for_input(Run &run, int descriptor)
         if (now >= run.end) {
             return Input::over;
         }
+        const bool is_ending = run.end != Clock::time_point::max();
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-            std::min(run.end, run.next_draw + REDRAW_EVERY) - now);
+            (is_ending ? run.end : run.next_draw) - now);
         pollfd waiting{descriptor, POLLIN, 0};
         const int found = poll(&waiting, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
         if (found > 0) {
