@@ -37,7 +37,7 @@ int64_t seconds_of(std::string_view date, unsigned hour, unsigned minute, unsign
         return TIME_UNKNOWN;
     }
     const auto days = sys_days(day).time_since_epoch().count();
-    return int64_t{days} * DAY + hour * 3600 + minute * 60 + second;
+    return int64_t{days} * DAY + int64_t{hour} * 3600 + int64_t{minute} * 60 + second;
 }
 
 void append_pair(std::string &out, unsigned number)
