@@ -67,7 +67,8 @@ void note_interval(TableRow &row, int64_t seen)
 {
     const int64_t interval = seen - row.told;
     if (row.frames != 0 && interval >= 0 && interval <= int64_t{UINT32_MAX}) {
-        row.intervals[row.interval_count++ % INTERVALS] = static_cast<uint32_t>(interval);
+        const auto at = static_cast<size_t>(row.interval_count++ % INTERVALS);
+        row.intervals[at] = static_cast<uint32_t>(interval);
     }
 }
 

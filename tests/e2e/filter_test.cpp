@@ -88,7 +88,7 @@ TEST(Filter, TakesFilesAndOptions)
     ASSERT_NE(mkdtemp(folder), nullptr);
     const std::string in = std::string("cd ") + folder + "; ";
     for (const int number : {1, 2}) {
-        result_of((in + "echo '").append(record(number)) + "' > r" + std::to_string(number));
+        result_of(in + text("echo '%s' > r%d", record(number).c_str(), number));
     }
     for (const auto &[arguments, expected] : cases) {
         EXPECT_EQ(result_of(in + R"(echo '{"frame":"0244"}' | )" WMBUSCTL_FRAMES " " + arguments),
