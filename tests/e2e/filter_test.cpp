@@ -91,9 +91,9 @@ TEST(Filter, TakesFilesAndOptions)
         result_of(in + text("echo '%s' > r%d", record(number).c_str(), number));
     }
     for (const auto &[arguments, expected] : cases) {
-        EXPECT_EQ(result_of(in + R"(echo '{"frame":"0244"}' | )" WMBUSCTL_FRAMES " " + arguments),
-                  expected)
-            << arguments;
+        std::string command = in + R"(echo '{"frame":"0244"}' | )" WMBUSCTL_FRAMES " ";
+        command += arguments;
+        EXPECT_EQ(result_of(command), expected) << arguments;
     }
     result_of(std::string("rm -r ") + folder);
 }
