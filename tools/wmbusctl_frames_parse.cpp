@@ -70,6 +70,15 @@ std::string_view without_trailing_blanks(std::string_view line)
     return line;
 }
 
+// Whether these are the bytes that the frame ends with.
+bool repeats_end(const Frame &frame, std::string_view digits)
+{
+    uint8_t bytes[LINE_SIZE_MAX / 2];
+    const size_t size = parse_bytes(digits, bytes, sizeof bytes);
+    return size <= sizeof bytes && size <= frame.size &&
+           memcmp(bytes, frame.bytes + frame.size - size, size) == 0;
+}
+
 // False when the line, taken without its stamp, does not come from where frames are printed.
 bool split_trace(std::string_view line, Trace &trace)
 {
@@ -227,7 +236,9 @@ void Parser::take_record(std::string_view line)
 
 void Parser::begin_frame()
 {
-    leave_frame();
+    if (stage_ != Stage::banner) {
+        leave_frame();
+    }
     stage_ = Stage::banner;
 }
 
@@ -265,7 +276,8 @@ void Parser::take_header(std::string_view line)
 {
     if (stage_ == Stage::banner && parse_header(line, frame_)) {
         stage_ = Stage::header;
-    } else {
+        header_ = line;
+    } else if (stage_ != Stage::header || line != header_) {
         pass_over();
     }
 }
@@ -273,6 +285,10 @@ void Parser::take_header(std::string_view line)
 void Parser::take_length(const Trace &trace)
 {
     std::string_view text = trace.message;
+    if (stage_ == Stage::data && trace.number == length_number_ && frame_.size == 0 &&
+        text == std::to_string(announced_)) {
+        return;
+    }
     if (stage_ != Stage::header || !take_number(text, size_t{0}, FRAME_SIZE_MAX, announced_) ||
         !text.empty()) {
         pass_over();
@@ -302,6 +318,9 @@ void Parser::take_dump(const Trace &trace)
         frame_.size = 0;
     }
     const size_t room = announced_ - frame_.size;
+    if (room == 0 && repeats_end(frame_, trace.message)) {
+        return;
+    }
     const size_t size = parse_bytes(trace.message, frame_.bytes + frame_.size, room);
     dump_bad_ = dump_bad_ || size > room;
     frame_.size += dump_bad_ ? 0 : size;

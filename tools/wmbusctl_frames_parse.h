@@ -13,8 +13,9 @@
 // The EndPoint line is the first to name the modem and ends the frame. One thread of the tool
 // prints all frames, one after the other; lines of its other threads may come between these, whole.
 // What a journal or a log puts before each line does not matter, nor do blanks and a carriage
-// return at its end. A line may also be a JSON record as written for a frame or an event.
-// Memory is bounded: one line, one frame and one event are kept, whatever comes in.
+// return at its end; a journal also gives a line twice where it goes on in another file. A line may
+// also be a JSON record as written for a frame or an event. Memory is bounded: one line, one frame
+// and one event are kept, whatever comes in.
 
 #pragma once
 
@@ -112,6 +113,7 @@ private:
     std::string rest_; // of a line whose end is still to come
 
     Stage stage_ = Stage::none;
+    std::string header_;
     Frame frame_{};
     size_t announced_ = 0;
     unsigned length_number_ = 0; // source lines that the length and the dump come from

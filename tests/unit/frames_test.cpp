@@ -32,14 +32,17 @@ std::string records_of(const std::string &in, size_t cut, Format format, const F
 }
 
 // As a journal or a terminal hands it on.
-std::string each_line(const std::string &in, const std::string &before, const std::string &after)
+std::string each_line(const std::string &in, const std::string &before, const std::string &after,
+                      int times = 1)
 {
     std::istringstream lines(in);
     std::string out;
     for (std::string line; std::getline(lines, line);) {
         line.erase(line.find_last_not_of(' ') + 1);
-        out += before;
-        out += line + after + '\n';
+        for (int i = 0; i < times; ++i) {
+            out += before;
+            out += line + after + '\n';
+        }
     }
     return out;
 }
@@ -67,6 +70,7 @@ TEST(Frames, AreFoundAmongOtherLinesHoweverTheInputIsCut)
         {"21 06 / 40 30 20 10 01 07", good + mixed + end, record + record + "0/0"},
         {id, each_line(good + mixed + end, "", "\r"), record + record + "0/0"},
         {id, each_line((mixed + end + good).substr(1), journal, ""), record + record + "0/0"},
+        {id, each_line(good + good, "", "", 2), record + record + "0/2"}, // the last lines, too
         {id, record + "wmbus/gw1/10203040 " + record + good, record + record + record + "0/0"},
         {"10203041", good + begin + "2" + dump + "02 44" + last + "] on modem [a1b2c3]", "0/0"},
         {id, begin + "13" + data + end + begin + "11" + data + end + good, record + "2/0"},
