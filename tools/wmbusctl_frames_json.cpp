@@ -341,11 +341,13 @@ void append_hex_text(std::string &out, uint32_t number)
 
 void append_bytes(std::string &out, const uint8_t *bytes, size_t size)
 {
+    constexpr const char *DIGITS = "0123456789ABCDEF";
     const size_t start = out.size();
     out.resize(start + 2 * size);
-    for (size_t i = 0; i < size; ++i) {
-        out[start + 2 * i] = "0123456789ABCDEF"[bytes[i] >> 4];
-        out[start + 2 * i + 1] = "0123456789ABCDEF"[bytes[i] & 15];
+    char *next = out.data() + start;
+    for (const uint8_t *byte = bytes; byte != bytes + size; ++byte) {
+        *next++ = DIGITS[*byte >> 4];
+        *next++ = DIGITS[*byte & 15];
     }
 }
 

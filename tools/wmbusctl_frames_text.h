@@ -10,7 +10,7 @@
 namespace frames
 {
 
-inline bool skip(std::string_view &text, std::string_view start)
+[[gnu::always_inline]] inline bool skip(std::string_view &text, std::string_view start)
 {
     if (!text.starts_with(start)) {
         return false;
@@ -21,7 +21,8 @@ inline bool skip(std::string_view &text, std::string_view start)
 
 // Takes a number from the start of the text; false when there is none in these limits.
 template<typename Number>
-bool take_number(std::string_view &text, Number least, Number most, Number &number, int base = 10)
+[[gnu::always_inline]] inline bool take_number(std::string_view &text, Number least, Number most,
+                                               Number &number, int base = 10)
 {
     const auto [stop, error] =
         std::from_chars(text.data(), text.data() + text.size(), number, base);
