@@ -17,6 +17,7 @@ namespace
 constexpr uint32_t LEVEL_INFO = 1;
 constexpr uint32_t LEVEL_DEBUG = 2;
 constexpr size_t TEXT_SIZE = 1023; // of a line, before its newline
+constexpr size_t UNBUFFERED = 1;   // size of the buffer of such a stream
 constexpr size_t PRINT_SIZE = 2500;
 
 std::atomic<uint32_t> trace_level{LEVEL_DEBUG};
@@ -78,23 +79,37 @@ bool wait_for(FILE *stream)
     return output.fd >= 0 && (poll(&output, 1, -1) >= 0 || errno == EINTR);
 }
 
-// Hands the text to the system whole. The C library forgets what a stream could not write, so a
-// text that was not taken is written again; a reader that is gone, or a full disk, loses it.
+// Writes the text, of which an unbuffered stream may take a part: how much is returned. The C
+// library forgets what a buffer could not hand on, so such a stream has taken the text whole or not
+// at all.
+size_t write_once(FILE *stream, const char *text, size_t length)
+{
+    const size_t buffer_size = __fbufsize(stream);
+    if (buffer_size == UNBUFFERED) {
+        return fwrite_unlocked(text, 1, length, stream);
+    }
+    // A line-buffered stream breaks up at its newlines what is the first thing it is given.
+    const size_t begun = buffer_size == 0 && putc_unlocked(*text, stream) != EOF ? 1 : 0;
+    fwrite_unlocked(text + begun, 1, length - begun, stream);
+    fflush_unlocked(stream);
+    if (ferror_unlocked(stream) == 0) {
+        return length;
+    }
+    __fpurge(stream); // or it might come out later, a second time
+    return 0;
+}
+
+// Hands the text to the system whole. What is refused for the moment is written again; a reader
+// that is gone, or a full disk, loses it.
 void write_whole(FILE *stream, const char *text, size_t length)
 {
-    bool refused = false;
     do {
         clearerr_unlocked(stream);
         errno = 0;
-        // A line-buffered stream breaks up at its newlines what is the first thing it is given.
-        const size_t begun = __fbufsize(stream) == 0 && putc_unlocked(*text, stream) != EOF ? 1 : 0;
-        fwrite_unlocked(text + begun, 1, length - begun, stream);
-        fflush_unlocked(stream);
-        refused = ferror_unlocked(stream) != 0;
-        if (refused) {
-            __fpurge(stream); // or it might come out later, a second time
-        }
-    } while (refused && (errno == EINTR || (errno == EAGAIN && wait_for(stream))));
+        const size_t written = write_once(stream, text, length);
+        text += written;
+        length -= written;
+    } while (length != 0 && (errno == EINTR || (errno == EAGAIN && wait_for(stream))));
 }
 
 // The stream's lock keeps the lines of other threads out while a text is written in parts, and what
@@ -104,8 +119,8 @@ void write_output(const char *text, size_t length)
     const int error = errno; // the caller may tell of it in its next line
     FILE *stream = stdout;
     flockfile(stream);
-    if (__fpending(stream) != 0) {
-        fflush_unlocked(stream); // the text might not fit behind it
+    if (__fpending(stream) != 0 && wait_for(stream)) { // what is refused would be forgotten
+        fflush_unlocked(stream);                       // the text might not fit behind it
     }
     write_whole(stream, text, length);
     funlockfile(stream);

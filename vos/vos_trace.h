@@ -12,9 +12,10 @@
 // there before, whole, in one write where the output takes it, and flushed. So lines of several
 // threads never mix. The calls block while standard output takes no bytes (a stopped terminal, a
 // full pipe); they must not be made by a thread that may not wait for a reader. An output that is
-// gone or full loses the line, silently. One that does not block is waited for; where it is no pipe
-// and takes a part of a line first, the line is written again behind the part. errno stays as it
-// is, the error indicator of stdout tells of the last line.
+// gone or full loses the line, silently. One that does not block is waited for. Where such an
+// output is no pipe it may take a part of a line first: an unbuffered stdout goes on behind the
+// part, with a buffer the line is written again. errno stays as it is, the error indicator of
+// stdout tells of the last line.
 //
 // A conversion of the format that fails ends the message before it, and so does a NUL of a "%c".
 // source is the module's name without directory or extension ("app_lan"), line is __LINE__.
@@ -52,7 +53,8 @@ void vos_trace_set_level(uint32_t level);
 
 // Trace files. After vos_trace_init every line is also written to a file, before it goes to
 // standard output, and is in the file when the call returns; the calls that trace then block on the
-// file system, too. Files are kept in one of two ways:
+// file system, too, and must not be made while stdout is locked (flockfile). Files are kept in one
+// of two ways:
 //
 //   by size   (file count N > 0) DIRECTORY/BASE-YYYYMMDD-hhmmss, named by the UTC time of its
 //             opening, with _xxxx of hexadecimal digits behind it where such a file is there

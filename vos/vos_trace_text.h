@@ -22,9 +22,9 @@ char *vos_trace_put_place(char *next, char *end, const char *source, int number)
 // As "%02X " each; *count becomes the number of bytes that fitted whole.
 char *vos_trace_put_dump(char *next, char *end, const uint8_t *bytes, uint32_t *count);
 
-// What vsnprintf writes for the format, up to a NUL or to a conversion that fails.
-// Most lines use nothing but %d, %u, %x, the first with a width as in %03d,
-// and %s: these are written here, in a small part of its time.
+// What vsnprintf writes for the format, up to a NUL or to a conversion that fails. Most lines use
+// nothing but %d, %u, %x, the first with a width as in %03d, and %s: these are written here, in a
+// small part of its time.
 char *vos_trace_put_message(char *next, char *end, const char *format, va_list arguments)
     VOS_PRINTF_LIKE(3, 0);
 

@@ -149,8 +149,7 @@ uint32_t vos_util_isqrt(uint32_t value);
 // wait for that, nor for one another but for a moment; only a start and a refusal wait, for the
 // reader of their trace line. All return 1 when they did their work; 0 with a DEBUG line when the
 // timer is not running (start: when it runs, or the address is null, or it could not be started),
-// or with an ERROR line when the command could
-// not be sent.
+// or with an ERROR line when the command could not be sent.
 using VosTimer = std::atomic<VosTask *>;
 using VosTimerCallback = void (*)(uintptr_t argument);
 

@@ -194,6 +194,7 @@ TEST(TraceFile, ADirectoryThatVanishesOrFillsUpCostsTheFileAlone)
               "trace file write error : File too large|ERROR:m:1|ERROR:m:2|ERROR:m:3|");
     signal(SIGXFSZ, SIG_DFL);
     EXPECT_EQ(content_of(file).size(), whole.size() + 28) << "the third line alone";
+    EXPECT_EQ(names_in("l").size(), 1U) << "what was not stored does not count";
     EXPECT_TRUE(content_of(file).starts_with(whole) && content_of(file).ends_with(":3\n"));
     fs::remove_all("l");
     on_allocation = [] { trace("from inside"); };
