@@ -140,7 +140,7 @@ TEST_F(Fault, OfACallIsToldOrOvercome)
         {"recv 1 3 12", "-c 3", done},
         {"socket 1 1 24", "-c 3", none},
         {"getsockname 1 99999 9", "-c 3", "ERROR:coap_client:Can't find the socket on port 0\n"},
-        {"bind 1 1 98", "", "no context available for interface '0.0.0.0'\n", ""},
+        {"bind 2 1 98", "", "no context available for interface '0.0.0.0'\n", ""},
         {"ioctl 2 1 19", "-c 3", done, ""},
         {"setsockopt 1 99 12", "-c 3", "Can't filter socket : Cannot allocate memory\n", ""},
         {"clock 1 9999999 3600", "-c 3", done},
