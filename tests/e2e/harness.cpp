@@ -362,6 +362,15 @@ int Process::exit_status()
     return WIFEXITED(status) ? WEXITSTATUS(status) : status;
 }
 
+int Process::exit_status(std::string &printed)
+{
+    const int status = exit_status();
+    const std::lock_guard guard(lock_);
+    printed = output_.substr(next_);
+    next_ = output_.size();
+    return status;
+}
+
 std::string Process::proc_file(const char *name) const
 {
     return content_of("/proc/" + std::to_string(pid_) + name);

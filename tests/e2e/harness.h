@@ -85,6 +85,8 @@ public:
     void ignore_rest() { strict_ = false; }
     void pause_reading(bool pause);
     int exit_status(); // waits for the program to end by itself
+    // The same, with all that it has printed since.
+    int exit_status(std::string &printed);
     std::string errors() const { return content_of("/proc/self/fd/" + std::to_string(errors_)); }
     std::string proc_file(const char *name) const;
 
