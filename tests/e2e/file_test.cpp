@@ -222,7 +222,7 @@ TEST_F(Firmware, IsKeptAndItsInstallationWaitedFor)
         fs::create_directory("/var/ftp");
         std::ofstream(path) << std::string(size, 'f');
         Peer modem, voice(1, 5684);
-        Process tool(arguments + " -u " + path);
+        Process tool(text("%s -u %s", arguments.c_str(), path.c_str()));
         if (arguments.find("--at") != std::string::npos) {
             modem.reply(encode(ACK, CONTENT, modem.expect_request("GET info_req"), "", "", info()));
         } else {

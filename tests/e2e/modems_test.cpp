@@ -129,21 +129,20 @@ TEST(At, ActsBesideARunningToolWhichHearsEverything)
     tool.expect(RESULT + "2.04\n");
     const struct {
         std::string arguments;
-        int code;
+        int code, status;
         Bytes payload;
-        int status;
         std::string printed, errors{};
     } cases[] = {
-        {"-g 101", CONTENT, info(), 0, "DUMP:app_lan:07 \n"},
-        {"-g 101 --modem a1b2c3", CONTENT, info(), 0, "DUMP:app_lan:07 \n"},
-        {"-g 101 --modem a1b2c4", CONTENT, info(), 2,
+        {"-g 101", CONTENT, 0, info(), "DUMP:app_lan:07 \n"},
+        {"-g 101 --modem a1b2c3", CONTENT, 0, info(), "DUMP:app_lan:07 \n"},
+        {"-g 101 --modem a1b2c4", CONTENT, 2, info(),
          "ERROR:app_main:The modem is a1b2c3, not a1b2c4\n"},
-        {"", CONTENT, info(), 0, "INFO:No action requested\n"},
-        {"-g 101", CONTENT, "short", 2, "ERROR:app_main:No modem has answered\n"},
-        {"-g 101", NOT_FOUND, "", 2, "ERROR:app_main:No modem has answered\n", "4.04\n"},
+        {"", CONTENT, 0, info(), "INFO:No action requested\n"},
+        {"-g 101", CONTENT, 2, "short", "ERROR:app_main:No modem has answered\n"},
+        {"-g 101", NOT_FOUND, 2, "", "ERROR:app_main:No modem has answered\n", "4.04\n"},
     };
     std::uint32_t number = 0;
-    for (const auto &[arguments, code, payload, status, printed, errors] : cases) {
+    for (const auto &[arguments, code, status, payload, printed, errors] : cases) {
         SCOPED_TRACE(arguments);
         Process question(arguments + " --at=" + address(1));
         modem.reply(encode(ACK, code, modem.expect_request("GET info_req"), "", "", payload));
