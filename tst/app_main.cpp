@@ -85,12 +85,12 @@ uint32_t wait_for_modem(const AppOptions *options)
     for (;;) {
         const uint32_t serial = app_watch_take_due();
         const bool done = app_perform_action(serial, options);
+        app_watch_end_action(serial, done);
         if (!done) {
             vos_trace_warning(MODULE, __LINE__,
                               "Action on modem %x failed, tried again when it announces itself",
                               serial);
         }
-        app_watch_end_action(serial, done);
     }
 }
 

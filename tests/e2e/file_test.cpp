@@ -203,18 +203,18 @@ TEST_F(Firmware, IsKeptAndItsInstallationWaitedFor)
         Bytes report; // none when empty
         int status;
         std::string printed;
-        std::size_t stays = 1, placed = 0; // times the size
+        bool stays = true, placed = false;
     } cases[] = {
         {"--once --keep", "/tmp/fw", 10, "\1", 0, "of modem a1b2c3 is OK \n"},
-        {"--once", "/tmp/fw", 10, "\2", 2, "of modem a1b2c3 is KO \n", 0},
+        {"--once", "/tmp/fw", 10, "\2", 2, "of modem a1b2c3 is KO \n", false},
         {"--once --keep --wait=1", "/tmp/fw", 10, "", 2,
-         "ERROR:app_main:No report of the installation within 1 seconds\n", 1, 1},
-        {"--keep --at " + address(1), "/tmp/fw", 10, "", 0, RESULT + "2.04\n", 1, 1},
+         "ERROR:app_main:No report of the installation within 1 seconds\n", true, true},
+        {"--keep --at " + address(1), "/tmp/fw", 10, "", 0, RESULT + "2.04\n", true, true},
         {"--keep --once", "/tmp/fw", 0, "", 2, "ERROR:app_lan:Empty firmware for upgrade"},
         {"--keep --once", "/tmp/fw", 2'000'000, "", 2,
          "ERROR:app_lan:Can not copy fw file /tmp/fw to " + PLACED + "\n"},
         {"--keep --once", PLACED, 10, "", 2,
-         "ERROR:app_lan:Can't keep " + PLACED + " : it is the file in place\n", 1, 1},
+         "ERROR:app_lan:Can't keep " + PLACED + " : it is the file in place\n", true, true},
     };
     for (const auto &[arguments, path, size, report, status, printed, stays, placed] : cases) {
         SCOPED_TRACE(arguments + printed);
@@ -239,8 +239,8 @@ TEST_F(Firmware, IsKeptAndItsInstallationWaitedFor)
         std::string all;
         EXPECT_EQ(tool.exit_status(all), status);
         EXPECT_NE(all.find(printed), std::string::npos) << all;
-        EXPECT_EQ(content_of(path), stays == 0 ? "-" : std::string(size, 'f'));
-        EXPECT_EQ(content_of(PLACED), placed == 0 ? "-" : std::string(size, 'f'));
+        EXPECT_EQ(content_of(path), stays ? std::string(size, 'f') : "-");
+        EXPECT_EQ(content_of(PLACED), placed ? std::string(size, 'f') : "-");
     }
 }
 

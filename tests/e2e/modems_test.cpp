@@ -8,6 +8,8 @@ namespace
 {
 const std::string RESULT = "DEBUG:coap_client:COAP RES:", START = "POST command_req 2";
 const std::string N2_2400 = "POST rx_mode_config_req 10 0 10 1 10 2 10 3 10 4 10 5 0 0";
+const std::string COMMAND = "POST command_req 3", READ = "GET config_get_param_req 1 1";
+const std::string SHOWN = "DUMP:app_lan:07 \n", ERROR = "ERROR:app_lan:";
 const Bytes VALUE = unhex("1 1 1 7");
 
 std::string perform_line(std::uint32_t serial)
@@ -24,57 +26,28 @@ struct Reply {
 
 TEST(Once, EndsWithAStatus)
 {
-    const Reply empty{ACK, 0}, no_such{ACK, NOT_FOUND};
+    const Reply empty{ACK, 0};
     const struct {
+        int status;
         std::string arguments, request;
         std::vector<Reply> replies;
-        int status;
-        std::string printed{RESULT + "0.00\n"}, errors{};
+        std::string printed, errors{};
     } cases[] = {
-        {"-c 3 --once", "POST command_req 3", {{ACK, CHANGED}}, 0, RESULT + "2.04\n"},
-        {"-g 101 --modem=0xA1B2C3 --once",
-         "GET config_get_param_req 1 1",
-         {{ACK, CONTENT, 0, "", VALUE}},
-         0,
-         "DUMP:app_lan:07 \n"},
-        {"-g 101 --once",
-         "GET config_get_param_req 1 1",
-         {empty, {CON, CONTENT, 0x7777, "", VALUE}},
-         0,
-         "DUMP:app_lan:07 \n"},
-        {"-g 101 --once",
-         "GET config_get_param_req 1 1",
-         {empty, {CON, CONTENT, 0x7776, "t", VALUE}, {NON, CONTENT, 0x7777, "", VALUE}},
-         0,
-         "DUMP:app_lan:07 \n"},
-        {"-g 101 --once",
-         "GET config_get_param_req 1 1",
-         {empty, {CON, NOT_FOUND, 0x7777}},
-         2,
-         RESULT + "4.04\n",
-         "4.04\n"},
-        {"-r 16 --once", N2_2400, {no_such}, 2, RESULT + "4.04\n", "4.04\n"},
-        {"-d /nothing 64 5 --once",
-         START,
-         {{ACK, CHANGED}},
-         2,
-         "ERROR:app_lan:Empty file for download(/nothing)\n"},
-        {"-u /nothing --once",
-         "",
-         {},
-         2,
-         "ERROR:app_lan:Empty firmware for upgrade(/nothing), name:manual\n"},
-        {"--once", "", {}, 0, "INFO:No action requested\n"},
-        {"-c 3 --once --wait 1 --modem 0xa1b2c",
-         "",
-         {},
-         3,
-         "ERROR:app_main:No modem within 1 seconds\n"},
+        {0, "-c 3", COMMAND, {{ACK, CHANGED}}, RESULT + "2.04\n"},
+        {0, "-g 101 --modem=0xA1B2C3", READ, {{ACK, CONTENT, 0, "", VALUE}}, SHOWN},
+        {0, "-g 101", READ, {empty, {CON, CONTENT, 7, "", VALUE}}, SHOWN},
+        {0, "-g 101", READ, {empty, {CON, CONTENT, 7, "t"}, {NON, CONTENT, 8, "", VALUE}}, SHOWN},
+        {2, "-g 101", READ, {empty, {CON, NOT_FOUND, 7}}, RESULT + "4.04\n", "4.04\n"},
+        {2, "-r 16", N2_2400, {{ACK, NOT_FOUND}}, RESULT + "4.04\n", "4.04\n"},
+        {2, "-d /no 64 5", START, {{ACK, CHANGED}}, ERROR + "Empty file for download(/no)\n"},
+        {2, "-u /no", "", {}, ERROR + "Empty firmware for upgrade(/no), name:manual\n"},
+        {0, "", "", {}, "INFO:No action requested\n"},
+        {3, "-c 3 --wait 1 --modem 0xa1b2c", "", {}, "app_main:No modem within 1 seconds\n"},
     };
-    for (const auto &[arguments, request, replies, status, printed, errors] : cases) {
+    for (const auto &[status, arguments, request, replies, printed, errors] : cases) {
         SCOPED_TRACE(arguments + text(" with %zu replies", replies.size()));
         Peer modem, voice(1, 5684);
-        Process tool(arguments);
+        Process tool("--once " + arguments);
         tool.skip_to("Start CoAP server on 0.0.0.0:5683\n");
         voice.report("info_ind", info()); // the request may be there before it is acknowledged
         tool.skip_to("is in READY state\n");
@@ -103,10 +76,10 @@ TEST(Once, CountsAResetAndNoAnswerAsFailures)
     Process unacknowledged("-c 3 --once");
     silent.reply(encode(ACK, CONTENT, silent.expect_request("GET info_req"), "", "", info(0xA2)));
     unacknowledged.register_modem(voice, 5684);
-    modem.reply(encode(ACK, 0, modem.expect_request("POST command_req 3")));
+    modem.reply(encode(ACK, 0, modem.expect_request(COMMAND)));
     Process reset("-c 3 --at " + address(3)), stranger("--wait=1 --at " + address(4));
     mute.reply(encode(ACK, CONTENT, mute.expect_request("GET info_req"), "", "", info(0xA3)));
-    const int id = mute.expect_request("POST command_req 3");
+    const int id = mute.expect_request(COMMAND);
     mute.reply(encode(RST, 0, id));
     std::string all;
     EXPECT_EQ(reset.exit_status(all), 2);
@@ -133,8 +106,7 @@ TEST(At, ActsBesideARunningToolWhichHearsEverything)
         Bytes payload;
         std::string printed, errors{};
     } cases[] = {
-        {"-g 101", CONTENT, 0, info(), "DUMP:app_lan:07 \n"},
-        {"-g 101 --modem a1b2c3", CONTENT, 0, info(), "DUMP:app_lan:07 \n"},
+        {"-g 101 --modem a1b2c3", CONTENT, 0, info(), SHOWN},
         {"-g 101 --modem a1b2c4", CONTENT, 2, info(),
          "ERROR:app_main:The modem is a1b2c3, not a1b2c4\n"},
         {"", CONTENT, 0, info(), "INFO:No action requested\n"},
@@ -148,9 +120,8 @@ TEST(At, ActsBesideARunningToolWhichHearsEverything)
         modem.reply(encode(ACK, code, modem.expect_request("GET info_req"), "", "", payload));
         other.report("rx_msg_req", frame(numbered(++number)));
         tool.expect(frame_lines(numbered(number), 0));
-        if (printed.starts_with("DUMP")) {
-            modem.reply(encode(ACK, CONTENT, modem.expect_request("GET config_get_param_req 1 1"),
-                               "", "", VALUE));
+        if (printed == SHOWN) {
+            modem.reply(encode(ACK, CONTENT, modem.expect_request(READ), "", "", VALUE));
         }
         std::string all;
         EXPECT_EQ(question.exit_status(all), status);
