@@ -9,7 +9,7 @@ install(FILES packaging/completions/wmbusctl DESTINATION ${WMBUSCTL_COMPLETION_D
 # The prefix is certain only now: cmake --install takes one, too.
 install(CODE "cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX NORMALIZE OUTPUT_VARIABLE bindir)
 cmake_path(APPEND bindir \"${CMAKE_INSTALL_BINDIR}\")
-configure_file(\"${PROJECT_SOURCE_DIR}/packaging/examples/wmbusctl.service.in\"
+configure_file(\"${PROJECT_SOURCE_DIR}/packaging/wmbusctl.service.in\"
   \"${PROJECT_BINARY_DIR}/wmbusctl.service\" @ONLY)" COMPONENT tool)
 install(FILES ${PROJECT_BINARY_DIR}/wmbusctl.service DESTINATION lib/systemd/system COMPONENT tool)
 if(TARGET wmbusctl-frames)

@@ -6,6 +6,10 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <array>
+#include <filesystem>
+#include <string>
+
 // False where the system does not allow it. Inside a chroot "/" is no mount point and could not be
 // made private; entering the new namespace once more leads out to its real root, and the open
 // directories lead back.
@@ -24,4 +28,24 @@ inline bool make_mounts_private()
     close(here);
     close(self);
     return made;
+}
+
+// Mounts an empty file system; sources and build stay where they are, should they lie below.
+inline bool mount_empty(const char *path, const char *options = "")
+{
+    constexpr std::array FOLDERS = {WMBUSCTL_SOURCE, WMBUSCTL_BUILD};
+    std::array<int, FOLDERS.size()> kept{};
+    for (std::size_t i = 0; i < FOLDERS.size(); ++i) {
+        kept[i] = open(FOLDERS[i], O_PATH | O_DIRECTORY | O_CLOEXEC);
+    }
+    bool done = mount("tmpfs", path, "tmpfs", 0, options) == 0;
+    for (std::size_t i = 0; i < FOLDERS.size(); ++i) {
+        if (done && std::string(FOLDERS[i]).starts_with(std::string(path) + '/')) {
+            const std::string folder = "/proc/self/fd/" + std::to_string(kept[i]);
+            std::filesystem::create_directories(FOLDERS[i]);
+            done = mount(folder.c_str(), FOLDERS[i], nullptr, MS_BIND, nullptr) == 0;
+        }
+        close(kept[i]);
+    }
+    return done;
 }

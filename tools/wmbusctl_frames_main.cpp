@@ -1,15 +1,19 @@
 // wmbusctl-frames: writes a record for every radio frame in the output of wmbusctl.
 
-#include "wmbusctl_frames_records.h"
+#include "wmbusctl_frames_options.h"
+#include "wmbusctl_frames_screen.h"
+#include "wmbusctl_frames_table.h"
+#include "wmbusctl_frames_unique.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cinttypes>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <getopt.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -17,110 +21,36 @@ namespace
 {
 
 using namespace frames;
+using Clock = std::chrono::steady_clock;
 
-constexpr int EXIT_USAGE = 2;
 constexpr size_t BLOCK_SIZE = 65536;
+constexpr std::chrono::seconds REDRAW_EVERY{1};
+constexpr std::chrono::seconds REST_OF_INPUT{1}; // that comes in after Ctrl-C
 
-constexpr const char *HELP =
-    "Usage: wmbusctl | wmbusctl-frames [OPTION]...\n"
-    "\n"
-    "Reads what wmbusctl prints and writes a line for every radio frame received.\n"
-    "\n"
-    "Options:\n"
-    "  --format json|hex|csv  an object a line (default); the bare frame in hexadecimal;\n"
-    "                         values with commas between, after a line of their names\n"
-    "  --modem SERIAL         only frames that this modem received, such as a1b2c3\n"
-    "  --endpoint ID          only frames of this endpoint: its identification, such as\n"
-    "                         10203040, or its address as wmbusctl prints it, such as\n"
-    "                         '21 06 / 40 30 20 10 01 07'\n"
-    "  --help                 print this help and exit\n"
-    "\n"
-    "Broken frames and stray lines are left out, and counted at the end.\n"
-    "\n"
-    "Examples:\n"
-    "  wmbusctl -r 16 | wmbusctl-frames | jq .identification\n"
-    "  wmbusctl -r 16 | wmbusctl-frames --format csv > frames.csv\n";
-
-struct Options {
-    Format format = Format::json;
-    Filter filter;
-};
-
-[[noreturn]] void refuse_usage(const char *option, const char *value, const char *wanted)
-{
-    if (option != nullptr) {
-        fprintf(stderr, "wmbusctl-frames: %s: '%.200s' is not %s\n", option, value, wanted);
-    }
-    fputs("Try 'wmbusctl-frames --help'.\n", stderr);
-    exit(EXIT_USAGE);
-}
-
-Format parse_format(std::string_view name)
-{
-    constexpr std::pair<std::string_view, Format> FORMATS[] = {
-        {"json", Format::json}, {"hex", Format::hex}, {"csv", Format::csv}};
-    for (const auto &[known, format] : FORMATS) {
-        if (name == known) {
-            return format;
-        }
-    }
-    refuse_usage("--format", name.data(), "json, hex or csv");
-}
-
-int fail(const char *what)
-{
-    if (errno != EPIPE) { // a reader that has seen enough is no fault
-        fprintf(stderr, "wmbusctl-frames: %s: %s\n", what, strerror(errno));
-    }
-    return EXIT_FAILURE;
-}
-
-[[noreturn]] void print_help()
-{
-    const bool printed = fputs(HELP, stdout) >= 0 && fflush(stdout) == 0;
-    exit(printed ? EXIT_SUCCESS : fail("standard output"));
-}
-
-Options parse_options(int argc, char **argv)
-{
-    static constexpr option TABLE[] = {{"format", required_argument, nullptr, 'f'},
-                                       {"modem", required_argument, nullptr, 'm'},
-                                       {"endpoint", required_argument, nullptr, 'e'},
-                                       {"help", no_argument, nullptr, 'h'},
-                                       {}};
+// What a run works on.
+struct Run {
     Options options;
-    for (int found = 0; (found = getopt_long(argc, argv, "", TABLE, nullptr)) != -1;) {
-        if (found == 'f') {
-            options.format = parse_format(optarg);
-        } else if (found == 'm') {
-            if (!set_modem(options.filter, optarg)) {
-                refuse_usage("--modem", optarg, "a serial number of 1 to 8 hexadecimal digits");
-            }
-        } else if (found == 'e') {
-            if (!set_endpoint(options.filter, optarg)) {
-                refuse_usage("--endpoint", optarg, "an identification or address of an endpoint");
-            }
-        } else if (found == 'h') {
-            print_help();
-        } else { // getopt_long has printed what is wrong
-            refuse_usage(nullptr, nullptr, nullptr);
-        }
-    }
-    if (optind < argc) {
-        refuse_usage("argument", argv[optind], "an option");
-    }
-    return options;
-}
+    std::array<char, BLOCK_SIZE> block{};
+    std::string out;
+    Unique unique{};
+    uint64_t wrong_lengths = 0;
+    Table table;
+    bool has_screen = false; // the table is drawn over and over
+    bool on_screen = false;  // the terminal shows it now
+    Clock::time_point next_draw;
+    Clock::time_point end = Clock::time_point::max(); // whatever is still to come
+};
 
 // Ctrl-C stops the tool in front as well: what it has printed until then is still to be taken, up
 // to the end of the input. A second one ends this program.
-bool prepare_signals()
+bool prepare_signals(bool has_screen)
 {
     struct sigaction interrupt {
     };
     interrupt.sa_handler = [](int) {};
     interrupt.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
-    return sigaction(SIGINT, &interrupt, nullptr) == 0 && signal(SIGPIPE, SIG_IGN) != SIG_ERR;
+    return signal(SIGPIPE, SIG_IGN) != SIG_ERR &&
+           (has_screen ? watch_screen_signals() : sigaction(SIGINT, &interrupt, nullptr) == 0);
 }
 
 // After a read or write that failed: true when it may be tried again, which is waited for.
@@ -147,52 +77,207 @@ bool write_out(std::string &out)
     return true;
 }
 
+void show_screen(Run &run, bool show)
+{
+    if (show != run.on_screen) {
+        show ? enter_screen(run.out) : leave_screen(run.out);
+        run.on_screen = show;
+        run.next_draw = Clock::now();
+    }
+}
+
+// The shell gets the terminal as it was until it lets this program go on.
+bool stop_for_a_while(Run &run)
+{
+    show_screen(run, false);
+    const bool written = write_out(run.out);
+    raise(SIGSTOP);
+    screen_signals.stop = 0;
+    return written;
+}
+
+// Draws when it is time, or the window has changed.
+bool draw(Run &run, bool is_changed)
+{
+    if (run.end != Clock::time_point::max()) {
+        show_screen(run, false);
+    } else if (is_changed || Clock::now() >= run.next_draw) {
+        const Window window = screen_window();
+        show_screen(run, true);
+        draw_screen(run.out, table_text(run.table, window), window);
+        run.next_draw = Clock::now() + REDRAW_EVERY;
+    }
+    return write_out(run.out);
+}
+
+// Sets the end of what is waited for.
+void judge_signals(Run &run)
+{
+    const auto now = Clock::now();
+    if (screen_signals.end != 0 || screen_signals.interrupts > 1) {
+        run.end = now;
+    } else if (screen_signals.interrupts == 1) {
+        run.end = std::min(run.end, now + REST_OF_INPUT);
+    }
+}
+
+enum class Input { ready, over, failed };
+
+// Waits for input and keeps the screen as it should be meanwhile.
+Input wait_for_input(Run &run, int descriptor)
+{
+    for (bool is_changed = false;;) {
+        judge_signals(run);
+        if (screen_signals.stop != 0 && !stop_for_a_while(run)) {
+            return Input::failed;
+        }
+        if (!draw(run, is_changed)) {
+            return Input::failed;
+        }
+        const auto now = Clock::now();
+        if (now >= run.end) {
+            return Input::over;
+        }
+        const bool is_ending = run.end != Clock::time_point::max();
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            (is_ending ? run.end : run.next_draw) - now);
+        pollfd waiting{descriptor, POLLIN, 0};
+        const int found = poll(&waiting, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+        if (found > 0) {
+            return Input::ready;
+        }
+        is_changed = found < 0; // by a signal
+    }
+}
+
 // 0 at the end of the input, -1 when it cannot be read.
-ssize_t read_block(std::array<char, BLOCK_SIZE> &block)
+ssize_t read_block(Run &run, int descriptor)
 {
     ssize_t count = 0;
     do {
-        count = read(STDIN_FILENO, block.data(), block.size());
-    } while (count < 0 && may_retry(STDIN_FILENO, POLLIN));
+        count = read(descriptor, run.block.data(), run.block.size());
+    } while (count < 0 && may_retry(descriptor, POLLIN));
     return count;
 }
 
-void report(const Counts &counts)
+void take_frame(Run &run, const Frame &frame)
+{
+    if (!matches(run.options.filter, frame)) {
+        return;
+    }
+    const bool is_table = run.options.format == Format::table;
+    if (run.options.strict && !is_length_ok(frame)) {
+        ++run.wrong_lengths;
+    } else if (run.options.unique != 0 && !is_new(run.unique, frame)) {
+        if (is_table) {
+            add_repeated(run.table, frame);
+        }
+    } else if (is_table) {
+        add_frame(run.table, frame);
+    } else {
+        append_record(run.out, run.options.format, frame);
+    }
+}
+
+EventHandler event_handler(Run &run)
+{
+    if (run.options.format != Format::events) {
+        return nullptr;
+    }
+    return [&run](const Event &event) {
+        if (matches(run.options.filter, event)) {
+            run.out += event.record;
+            run.out += '\n';
+        }
+    };
+}
+
+// Records leave when all complete lines of a block are taken: at once for a tool that prints a
+// frame now and then, many at a time for one that is ahead. False when they can't be written.
+bool take_descriptor(Run &run, Parser &parser, int descriptor, const char *name, int &status)
+{
+    for (;;) {
+        const Input input = run.has_screen ? wait_for_input(run, descriptor) : Input::ready;
+        if (input != Input::ready) {
+            return input != Input::failed;
+        }
+        const ssize_t count = read_block(run, descriptor);
+        if (count < 0) {
+            status = fail(name);
+        }
+        if (count <= 0) {
+            return true;
+        }
+        parser.feed({run.block.data(), static_cast<size_t>(count)});
+        if (!write_out(run.out)) {
+            return false;
+        }
+    }
+}
+
+bool take_file(Run &run, Parser &parser, std::string_view name, int &status)
+{
+    if (name == "-") {
+        return take_descriptor(run, parser, STDIN_FILENO, "standard input", status);
+    }
+    const int descriptor = open(name.data(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) {
+        status = fail(name.data());
+        return true;
+    }
+    const bool written = take_descriptor(run, parser, descriptor, name.data(), status);
+    close(descriptor);
+    return written;
+}
+
+void report(const Run &run, const Counts &counts)
 {
     if (counts.broken_frames != 0 || counts.stray_lines != 0) {
         fprintf(stderr,
                 "wmbusctl-frames: broken frames left out: %" PRIu64 ", stray lines: %" PRIu64 "\n",
                 counts.broken_frames, counts.stray_lines);
     }
+    if (run.options.strict) {
+        fprintf(stderr, "wmbusctl-frames: frames of a wrong length left out: %" PRIu64 "\n",
+                run.wrong_lengths);
+    }
+    if (run.options.unique != 0) {
+        fprintf(stderr, "wmbusctl-frames: repeated frames left out: %" PRIu64 "\n",
+                run.unique.left_out);
+    }
+    if (run.unique.forgotten != 0) {
+        fprintf(stderr, "wmbusctl-frames: frames forgotten before their time: %" PRIu64 "\n",
+                run.unique.forgotten);
+    }
 }
 
-// Records leave when all complete lines of a block are taken: at once for a tool that prints a
-// frame now and then, many at a time for one that is ahead.
-int run(const Options &options)
+bool write_end(Run &run)
 {
-    std::array<char, BLOCK_SIZE> block;
-    std::string out;
-    Parser parser([&](const Frame &frame) {
-        if (matches(options.filter, frame)) {
-            append_record(out, options.format, frame);
+    show_screen(run, false);
+    if (run.options.format == Format::table) {
+        run.out += table_text(run.table, {run.has_screen ? screen_window().columns : 0, 0});
+    }
+    return write_out(run.out) && close(STDOUT_FILENO) == 0;
+}
+
+int take_all(Run &run)
+{
+    Parser parser([&run](const Frame &frame) { take_frame(run, frame); }, event_handler(run));
+    int status = EXIT_SUCCESS;
+    append_heading(run.out, run.options.format);
+    bool written = write_out(run.out);
+    for (const char *name : run.options.files) {
+        if (!written || Clock::now() >= run.end) {
+            break;
         }
-    });
-    append_heading(out, options.format);
-    ssize_t count = 0;
-    do {
-        if (!write_out(out)) {
-            return fail("standard output");
-        }
-        count = read_block(block);
-        if (count < 0) {
-            return fail("standard input");
-        }
-        parser.feed({block.data(), static_cast<size_t>(count)});
-    } while (count > 0);
+        written = take_file(run, parser, name, status);
+        parser.end_file();
+    }
     parser.finish();
-    const bool written = write_out(out) && close(STDOUT_FILENO) == 0;
-    const int status = written ? EXIT_SUCCESS : fail("standard output");
-    report(parser.counts());
+    if (!written || !write_end(run)) {
+        status = fail("standard output");
+    }
+    report(run, parser.counts());
     return status;
 }
 
@@ -200,9 +285,19 @@ int run(const Options &options)
 
 int main(int argc, char **argv)
 {
-    const Options options = parse_options(argc, argv);
-    if (!prepare_signals()) {
+    Run run;
+    run.options = parse_options(argc, argv);
+    run.has_screen = run.options.format == Format::table && isatty(STDOUT_FILENO) != 0;
+    if (!prepare_signals(run.has_screen)) {
         return fail("signals");
     }
-    return run(options);
+    if (run.options.unique != 0 && !prepare_unique(run.unique, run.options.unique)) {
+        return fail("random numbers");
+    }
+    const int status = take_all(run);
+    if (screen_signals.end != 0) { // as it would have ended without a screen to leave
+        signal(screen_signals.end, SIG_DFL);
+        raise(screen_signals.end);
+    }
+    return status;
 }

@@ -1,8 +1,10 @@
 #include "wmbusctl_frames_parse.h"
 
+#include "wmbusctl_frames_json.h"
+#include "wmbusctl_frames_text.h"
+
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstring>
 
 namespace frames
@@ -13,13 +15,13 @@ namespace
 
 constexpr std::string_view SOURCE = "app_lan:";
 constexpr std::string_view RULE = "################";
-constexpr std::string_view BANNER = " PACKET RECEIVED ";
+constexpr std::string_view BANNER = " PACKET RECEIVED"; // without the blank at its end
 constexpr std::string_view HEADER = " RTC:";
 constexpr std::string_view LENGTH = "WMBUS Data len : ";
 constexpr std::string_view ENDPOINT = "Receive RF frame from EndPoint [";
 constexpr std::string_view MODEM = "] on modem [";
-constexpr size_t STAMP_SIZE = 16; // "20261122-212040:"
-constexpr size_t ENDPOINT_AT = 2; // in a frame
+constexpr size_t STAMP_SIZE = STAMP_DIGITS + 1; // with its colon
+constexpr size_t ENDPOINT_AT = 2;               // in a frame
 constexpr size_t ENDPOINT_SIZE = 8;
 constexpr uint8_t NO_DIGIT = 0xFF;
 
@@ -41,33 +43,40 @@ bool is_digit(char c)
     return c >= '0' && c <= '9';
 }
 
-bool skip(std::string_view &text, std::string_view start)
-{
-    if (!text.starts_with(start)) {
-        return false;
-    }
-    text.remove_prefix(start.size());
-    return true;
-}
-
-// Takes a number from the start of the text; false when there is none in these limits.
-template<typename Number>
-bool take_number(std::string_view &text, Number least, Number most, Number &number, int base = 10)
-{
-    const auto [stop, error] =
-        std::from_chars(text.data(), text.data() + text.size(), number, base);
-    if (error != std::errc() || number < least || number > most) {
-        return false;
-    }
-    text.remove_prefix(static_cast<size_t>(stop - text.data()));
-    return true;
-}
-
 bool is_stamped(std::string_view line)
 {
     return line.size() > STAMP_SIZE && line.size() <= LINE_SIZE_MAX && line[8] == '-' &&
            line[15] == ':' && std::all_of(line.begin(), line.begin() + 8, is_digit) &&
            std::all_of(line.begin() + 9, line.begin() + 15, is_digit);
+}
+
+// Where a stamp stands behind something else.
+size_t find_stamp(std::string_view line)
+{
+    for (size_t dash = line.find('-', 8); dash != std::string_view::npos;
+         dash = line.find('-', dash + 1)) {
+        if (is_stamped(line.substr(dash - 8))) {
+            return dash - 8;
+        }
+    }
+    return std::string_view::npos;
+}
+
+std::string_view without_trailing_blanks(std::string_view line)
+{
+    while (line.ends_with(' ') || line.ends_with('\r')) {
+        line.remove_suffix(1);
+    }
+    return line;
+}
+
+// Whether these are the bytes that the frame ends with.
+bool repeats_end(const Frame &frame, std::string_view digits)
+{
+    uint8_t bytes[LINE_SIZE_MAX / 2];
+    const size_t size = parse_bytes(digits, bytes, sizeof bytes);
+    return size <= sizeof bytes && size <= frame.size &&
+           memcmp(bytes, frame.bytes + frame.size - size, size) == 0;
 }
 
 // False when the line, taken without its stamp, does not come from where frames are printed.
@@ -111,6 +120,11 @@ bool parse_header(std::string_view text, Frame &frame)
 
 } // namespace
 
+bool is_length_ok(const Frame &frame)
+{
+    return frame.size == size_t{frame.bytes[0]} + 1;
+}
+
 size_t parse_bytes(std::string_view text, uint8_t *bytes, size_t limit)
 {
     size_t size = 0;
@@ -146,41 +160,96 @@ void Parser::feed(std::string_view bytes)
     keep_rest(bytes);
 }
 
-void Parser::finish()
+void Parser::end_file()
 {
     if (!rest_.empty()) {
         take_line(rest_);
         rest_.clear();
     }
+}
+
+void Parser::finish()
+{
+    end_file();
     leave_frame();
 }
 
-// Two bytes more than a line has, with a carriage return, are enough to see that it is none.
+// A byte more than the longest line has is enough to see that it is none.
 void Parser::keep_rest(std::string_view bytes)
 {
-    rest_ += bytes.substr(0, LINE_SIZE_MAX + 2 - rest_.size());
+    rest_ += bytes.substr(0, RECORD_SIZE_MAX + 1 - rest_.size());
 }
 
 void Parser::take_line(std::string_view line)
 {
-    if (line.ends_with('\r')) {
-        line.remove_suffix(1);
+    if (line.size() > RECORD_SIZE_MAX) {
+        ++counts_.stray_lines;
+        return;
     }
+    line = without_trailing_blanks(line);
     if (is_stamped(line)) {
-        take_stamped(line.substr(STAMP_SIZE));
+        take_stamped(line);
     } else if (line.starts_with(HEADER)) {
         take_header(line);
     } else if (line == BANNER) {
-        leave_frame();
-        stage_ = Stage::banner;
+        begin_frame();
     } else if (!line.empty() && line != RULE) {
+        take_other(line);
+    }
+}
+
+// Whatever stands before it, a line is one of the tool's. A text that a modem has sent can look so,
+// too; but then that modem could as well have sent the frame.
+void Parser::take_other(std::string_view line)
+{
+    if (line.ends_with('}')) {
+        take_record(line);
+    } else if (const size_t at = find_stamp(line); at != std::string_view::npos) {
+        take_stamped(line.substr(at));
+    } else if (const size_t header = line.find(HEADER); header != std::string_view::npos) {
+        take_header(line.substr(header));
+    } else if (line.ends_with(BANNER)) {
+        begin_frame();
+    } else if (!line.ends_with(RULE)) {
         ++counts_.stray_lines;
     }
+}
+
+void Parser::take_record(std::string_view line)
+{
+    Event event;
+    line.remove_prefix(std::min(line.find('{'), line.size()));
+    switch (parse_record(line, record_, event)) {
+    case Record::frame:
+        handler_(record_);
+        break;
+    case Record::event:
+        if (events_.handler) {
+            events_.handler(event);
+        }
+        break;
+    case Record::none:
+        ++counts_.stray_lines;
+        break;
+    }
+}
+
+void Parser::begin_frame()
+{
+    if (stage_ != Stage::banner) {
+        leave_frame();
+    }
+    stage_ = Stage::banner;
 }
 
 void Parser::take_stamped(std::string_view line)
 {
     Trace trace{};
+    trace.stamp = line.substr(0, STAMP_DIGITS);
+    line.remove_prefix(STAMP_SIZE);
+    if (events_.handler) {
+        read_event(events_, time_of(trace.stamp), line);
+    }
     if (!split_trace(line, trace)) {
         return;
     }
@@ -193,11 +262,22 @@ void Parser::take_stamped(std::string_view line)
     }
 }
 
+// Most lines have the stamp of the line before.
+int64_t Parser::time_of(std::string_view stamp)
+{
+    if (stamp != stamp_) {
+        stamp_ = stamp;
+        stamp_time_ = parse_stamp(stamp);
+    }
+    return stamp_time_;
+}
+
 void Parser::take_header(std::string_view line)
 {
     if (stage_ == Stage::banner && parse_header(line, frame_)) {
         stage_ = Stage::header;
-    } else {
+        header_ = line;
+    } else if (stage_ != Stage::header || line != header_) {
         pass_over();
     }
 }
@@ -205,12 +285,17 @@ void Parser::take_header(std::string_view line)
 void Parser::take_length(const Trace &trace)
 {
     std::string_view text = trace.message;
+    if (stage_ == Stage::data && trace.number == length_number_ && frame_.size == 0 &&
+        text == std::to_string(announced_)) {
+        return;
+    }
     if (stage_ != Stage::header || !take_number(text, size_t{0}, FRAME_SIZE_MAX, announced_) ||
         !text.empty()) {
         pass_over();
         return;
     }
     stage_ = Stage::data;
+    frame_.received = time_of(trace.stamp);
     length_number_ = trace.number;
     dump_number_ = 0;
     frame_.size = 0;
@@ -220,6 +305,9 @@ void Parser::take_length(const Trace &trace)
 // first one behind the place in the source that told the length.
 void Parser::take_dump(const Trace &trace)
 {
+    if (events_.value_due && trace.number != frame_dump_number_) {
+        read_value(events_, trace.message);
+    }
     if (stage_ != Stage::data || trace.number <= length_number_ ||
         (dump_number_ != 0 && trace.number > dump_number_)) {
         return;
@@ -230,6 +318,9 @@ void Parser::take_dump(const Trace &trace)
         frame_.size = 0;
     }
     const size_t room = announced_ - frame_.size;
+    if (room == 0 && repeats_end(frame_, trace.message)) {
+        return;
+    }
     const size_t size = parse_bytes(trace.message, frame_.bytes + frame_.size, room);
     dump_bad_ = dump_bad_ || size > room;
     frame_.size += dump_bad_ ? 0 : size;
@@ -248,6 +339,7 @@ void Parser::take_endpoint(const Trace &trace)
         return;
     }
     stage_ = Stage::none;
+    frame_dump_number_ = dump_number_;
     handler_(frame_);
 }
 

@@ -10,7 +10,8 @@
 namespace frames
 {
 
-enum class Format { json, hex, csv };
+// events: JSON whose members say what each record is. A table has no records.
+enum class Format { json, events, hex, csv, rtlwmbus, table };
 
 // Appends the line that comes before all records, in the formats that have one.
 void append_heading(std::string &out, Format format);
@@ -28,5 +29,6 @@ struct Filter {
 bool set_modem(Filter &filter, std::string_view serial);
 bool set_endpoint(Filter &filter, std::string_view endpoint);
 bool matches(const Filter &filter, const Frame &frame);
+bool matches(const Filter &filter, const Event &event);
 
 } // namespace frames

@@ -110,7 +110,9 @@ int lan_post_msg(uint32_t type, const coap_address_t *from, const uint8_t *paylo
 // Serial number of the modem that registered first. 1, or -1 (the variable untouched) without one.
 int lan_get_modem(uint32_t *serial);
 int lan_count_modems(); // number of known modems
-void lan_get_modem_table(ModemTable *copy);
+
+// Copies all slots, the empty ones too; copy is an array of MODEM_TABLE_SIZE entries.
+void lan_get_modem_table(ModemEntry *copy);
 
 // Serial number of the modem whose last info came from that address and port; 0 when none.
 uint32_t lan_find_modem_by_addr(const coap_address_t *address);

@@ -58,10 +58,10 @@ int lan_count_modems()
     return count;
 }
 
-void lan_get_modem_table(ModemTable *copy)
+void lan_get_modem_table(ModemEntry *copy)
 {
     const VosMutexGuard guard(lan_state.lan_modem);
-    memcpy(copy, &lan_state.table, sizeof lan_state.table);
+    memcpy(copy, lan_state.table, sizeof lan_state.table);
 }
 
 uint32_t lan_find_modem_by_addr(const coap_address_t *address)

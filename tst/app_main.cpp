@@ -161,8 +161,9 @@ int finish(int status)
 int main(int argc, char **argv)
 {
     open_standard_streams();
-    // What is printed beside the trace lines leaves in whole lines too, between them.
-    setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    // A trace line leaves in one write all the same, and none is lost or doubled by an output that
+    // takes a part of it.
+    setvbuf(stdout, nullptr, _IONBF, 0);
 
     AppOptions options;
     switch (app_parse_options(argc, argv, &options)) {

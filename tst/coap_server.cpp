@@ -292,8 +292,10 @@ bool coap_server_is_port_taken()
 
 int coap_server_find_socket(coap_context_t *context, uint16_t port)
 {
+    // The library opens its own descriptor and a timer before a socket.
     const int watcher = coap_context_get_coap_fd(context);
-    for (int descriptor = watcher + 1; descriptor < MAX_DESCRIPTORS; ++descriptor) {
+    for (int i = 2; i < MAX_DESCRIPTORS; ++i) {
+        const int descriptor = (watcher + i) % MAX_DESCRIPTORS;
         if (is_bound_to(descriptor, port) && is_watched(watcher, descriptor)) {
             return descriptor;
         }

@@ -166,14 +166,26 @@ template<typename Call> int under_unique_name(NewFile *file, Call call)
     return result;
 }
 
+// The process's umask, which some kernels don't apply to a file without a name. To ask the system
+// for it would be to set it, for the files of other threads, too.
+mode_t creation_mask()
+{
+    unsigned mask = S_IWGRP | S_IWOTH;
+    FILE *status = vos_fs_fopen("/proc/self/status", "r");
+    char line[256];
+    while (status != nullptr && fgets(line, sizeof line, status) != nullptr &&
+           sscanf(line, "Umask: %o", &mask) != 1) {
+    }
+    vos_fs_fclose(&status);
+    return mask;
+}
+
 // A file without a name goes with the process, however that ends. -1 where the file system has none
 // such, or no way to name it later.
 int open_nameless(NewFile *file)
 {
-    const mode_t mask = umask(S_IWGRP | S_IWOTH);
-    umask(mask); // some kernels don't apply it here
     const int flags = O_TMPFILE | O_WRONLY | O_CLOEXEC;
-    const int descriptor = openat(file->directory, ".", flags, FILE_MODE & ~mask);
+    const int descriptor = openat(file->directory, ".", flags, FILE_MODE & ~creation_mask());
     snprintf(file->shown, sizeof file->shown, "/proc/self/fd/%d", descriptor);
     if (descriptor >= 0 && access(file->shown, F_OK) != 0) {
         close(descriptor);

@@ -3,7 +3,8 @@
 // Blocks come through an out-pointer that is null when there is no block; nothing is traced then,
 // the caller decides what to report. A block is given back with vos_mem_free, never with free.
 // Any thread may call; only the counters are shared, under a mutex of their own. No call blocks
-// on anything but that mutex. A VosMemBuf is used by one thread at a time.
+// on anything but that mutex, except one that traces: it waits for the reader of standard output,
+// and vos_mem_dump for the file system. A VosMemBuf is used by one thread at a time.
 
 #ifndef VOS_MEM_H
 #define VOS_MEM_H
@@ -40,6 +41,8 @@ template<typename T> void vos_mem_calloc(T **out, uint32_t size)
     vos_mem_calloc_block(&block, size);
     *out = static_cast<T *>(block);
 }
+
+inline void vos_mem_free(std::nullptr_t) {}
 
 template<typename T> void vos_mem_free(T **block)
 {

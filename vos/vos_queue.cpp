@@ -116,7 +116,10 @@ int16_t vos_queue_insert(VosQueue *queue, void *data, int16_t index)
 {
     const int16_t place = index < 0 ? int16_t{0} : index;
     const bool beyond = place > queue->count;
-    return link_before(queue, node_at(queue, place), data) && !beyond ? place : -1;
+    if (!link_before(queue, node_at(queue, place), data)) {
+        return -2;
+    }
+    return beyond ? int16_t{-1} : place;
 }
 
 void *vos_queue_take(VosQueue *queue, int16_t index)

@@ -2,7 +2,8 @@
 //
 // Indices count from 0 at the head; -1 means none. A list holds at most VOS_QUEUE_MAX elements.
 // The list owns its data from append or insert until take. It has no lock: whoever owns the list
-// guards it. No call blocks.
+// guards it. No call blocks, but for the trace line of vos_queue_delete, vos_queue_clear and
+// vos_queue_destroy, which waits for the reader of standard output.
 
 #ifndef VOS_QUEUE_H
 #define VOS_QUEUE_H
@@ -14,7 +15,9 @@ constexpr uint16_t VOS_QUEUE_UNIQUE = 1; // flag: append refuses data that is fo
 
 struct VosQueueOps {
     int (*compare)(const void *key, const void *data); // null: strcmp
-    void (*free)(void **data);                         // releases an element's data; null: default
+    // Releases an element's data; null: default. It must not touch the list, not even by a look:
+    // the element is still in it.
+    void (*free)(void **data);
 };
 
 struct VosQueueNode {
@@ -47,8 +50,8 @@ int16_t vos_queue_append(VosQueue *queue, void *data);
 
 // Puts the data before the element at index (negative: the first), or at the end when index is
 // the count or more. The index of the new element, or -1 when index was greater than the count;
-// the data is in the list all the same. -1 also when the list is full or memory is out: then the
-// count is unchanged and the data stays the caller's.
+// the data is in the list all the same. -2 when the list is full or memory is out: the data stays
+// the caller's.
 int16_t vos_queue_insert(VosQueue *queue, void *data, int16_t index);
 
 // Removes the element at index (negative: the first) and returns its data, which is the caller's

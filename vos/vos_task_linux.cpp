@@ -54,7 +54,6 @@ VosTask *new_task(VosTaskEntry entry, uintptr_t argument)
     }
     task->entry = entry;
     task->argument = argument;
-    task->thread = pthread_t{};
     pthread_mutex_init(&task->mutex, nullptr);
     pthread_cond_init(&task->condition, nullptr);
     task->messages = messages;
@@ -141,25 +140,17 @@ bool start_thread(VosTask *task, const pthread_attr_t *attributes)
     return error == 0;
 }
 
-VosTask *create(VosTaskEntry entry, const char *name, uintptr_t argument, uint32_t stack_size,
-                bool keep_unstarted)
+bool run(VosTask *task, const char *name, uint32_t stack_size, bool tell_always)
 {
-    VosTask *task = new_task(entry, argument);
-    if (task == nullptr) {
-        vos_trace_error(MODULE, __LINE__, "No memory for thread \"%s\"", name);
-        return nullptr;
-    }
     pthread_attr_t attributes;
     const size_t effective = prepare_attributes(&attributes, stack_size);
     const bool started = start_thread(task, &attributes);
     pthread_attr_destroy(&attributes);
-    if (!started && !keep_unstarted) {
-        destroy_task(task);
-        return nullptr;
+    if (started || tell_always) {
+        vos_trace_info("Thread \"%s\" created, id=%p, stack_size=%ld min_stack_size=%d", name,
+                       static_cast<void *>(task), static_cast<long>(effective), MIN_STACK_SIZE);
     }
-    vos_trace_info("Thread \"%s\" created, id=%p, stack_size=%ld min_stack_size=%d", name,
-                   static_cast<void *>(task), static_cast<long>(effective), MIN_STACK_SIZE);
-    return task;
+    return started;
 }
 
 } // namespace
@@ -167,13 +158,43 @@ VosTask *create(VosTaskEntry entry, const char *name, uintptr_t argument, uint32
 VosTask *vos_task_create(VosTaskEntry entry, uint32_t /*priority*/, const char *name,
                          uintptr_t argument, uint32_t stack_size)
 {
-    return create(entry, name, argument, stack_size, true);
+    VosTask *task = vos_task_prepare(entry, name, argument);
+    if (task != nullptr) {
+        run(task, name, stack_size, true);
+    }
+    return task;
 }
 
 VosTask *vos_task_start(VosTaskEntry entry, uint32_t /*priority*/, const char *name,
                         uintptr_t argument, uint32_t stack_size)
 {
-    return create(entry, name, argument, stack_size, false);
+    VosTask *task = vos_task_prepare(entry, name, argument);
+    if (task != nullptr && vos_task_run(task, name, stack_size) == 0) {
+        vos_task_discard(&task);
+    }
+    return task;
+}
+
+VosTask *vos_task_prepare(VosTaskEntry entry, const char *name, uintptr_t argument)
+{
+    VosTask *task = new_task(entry, argument);
+    if (task == nullptr) {
+        vos_trace_error(MODULE, __LINE__, "No memory for thread \"%s\"", name);
+    }
+    return task;
+}
+
+int vos_task_run(VosTask *task, const char *name, uint32_t stack_size)
+{
+    return run(task, name, stack_size, false) ? 1 : 0;
+}
+
+void vos_task_discard(VosTask **task)
+{
+    if (*task != nullptr) {
+        destroy_task(*task);
+        *task = nullptr;
+    }
 }
 
 VosTask *vos_thread_create(VosTaskEntry entry, uint32_t priority, const char *name,

@@ -20,7 +20,7 @@ constexpr uint32_t VOS_THREAD_STACK_SIZE = 262144; // bytes
 struct VosTask {
     VosTaskEntry entry;
     uintptr_t argument;
-    pthread_t thread;      // pthread_t{} when it could not be started
+    pthread_t thread;      // means nothing when it could not be started
     pthread_mutex_t mutex; // guards the mailbox; holds the new thread back until it is stored
     pthread_cond_t condition;
     VosQueue *messages; // oldest first
@@ -40,17 +40,31 @@ VosTask *vos_task_create(VosTaskEntry entry, uint32_t priority, const char *name
 VosTask *vos_task_start(VosTaskEntry entry, uint32_t priority, const char *name, uintptr_t argument,
                         uint32_t stack_size);
 
+// Its three steps, for a caller that makes the handle known before the thread runs. Makes the task,
+// whose mailbox takes messages from then on; null without memory, with an ERROR line.
+VosTask *vos_task_prepare(VosTaskEntry entry, const char *name, uintptr_t argument);
+
+// Starts the thread of a prepared task: 1, and the handle may be dead on return; or 0, and the task
+// is still to be run or discarded.
+int vos_task_run(VosTask *task, const char *name, uint32_t stack_size);
+
+// Frees a task that was never run, with the messages it was sent, and sets *task to null; nothing
+// when it is null already.
+void vos_task_discard(VosTask **task);
+
 // vos_task_create with a stack of VOS_THREAD_STACK_SIZE.
 VosTask *vos_thread_create(VosTaskEntry entry, uint32_t priority, const char *name,
                            uintptr_t argument);
 
-// Number of running threads, the main thread included.
+// Number of running threads, the main thread included. A task counts from the moment its thread
+// begins, which may be after its creation has returned, until it has been freed.
 uint32_t vos_task_count();
 
 // Mailboxes. A message is a block of vos_mem_alloc, or null; only its address is passed. Any thread
 // sends; only the task's own thread receives, oldest first. A message that was sent belongs to the
 // mailbox, one that was received to the receiver, who frees it. The send calls read the message
-// through the address they get and leave the variable as it is; they never wait for the receiver.
+// through the address they get and leave the variable as it is; they never wait for the receiver,
+// nor for a trace line.
 
 // 1 when the message is in the mailbox. 0 when the mailbox takes no more (VOS_QUEUE_MAX messages
 // wait, memory is out, or the task is null): the message stays the caller's.

@@ -7,27 +7,22 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <iterator>
 #include <limits>
 #include <poll.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+#include <stdio_ext.h>
 
 namespace
 {
 
 constexpr uint32_t LEVEL_INFO = 1;
 constexpr uint32_t LEVEL_DEBUG = 2;
-constexpr size_t LINE_SIZE = 1024; // with the newline
-constexpr size_t TEXT_SIZE = LINE_SIZE - 1;
-constexpr size_t MAX_SOURCE_SIZE = 100;
+constexpr size_t TEXT_SIZE = 1023; // of a line, before its newline
+constexpr size_t UNBUFFERED = 1;   // size of the buffer of such a stream
 constexpr size_t PRINT_SIZE = 2500;
 
 std::atomic<uint32_t> trace_level{LEVEL_DEBUG};
 std::atomic<const VosTraceFiles *> trace_files{nullptr};
 
-// Every prefix is far shorter than a line.
 struct Line {
     char *next;
     int day; // of the month
@@ -36,29 +31,15 @@ struct Line {
     char *end() { return text + TEXT_SIZE; }
 };
 
-// What stands behind the stamp, kept so that it is copied whole.
-struct Level {
-    size_t length;
-    char text[VOS_TRACE_SLACK];
-};
-
-constexpr Level FATAL{7, ":FATAL:"};
-constexpr Level ERROR{7, ":ERROR:"};
-constexpr Level WARNING{9, ":WARNING:"};
-constexpr Level INFO{6, ":INFO:"};
-constexpr Level DEBUG{7, ":DEBUG:"};
-constexpr Level DUMP{6, ":DUMP:"};
-
 // The stamp of the lines of one second, broken down once for each thread that writes some.
 struct Stamp {
     time_t second;
     int day;
-    size_t length;
-    char text[24]; // "20261122-204128", or with a year of ten digits
+    char text[72]; // "20261122-204128"; room for any six numbers
 };
 
 constexpr time_t NO_TIME = std::numeric_limits<time_t>::min();
-thread_local Stamp stamp{NO_TIME, 0, 0, ""};
+thread_local Stamp stamp{NO_TIME, 0, ""};
 
 tm broken_down(time_t now)
 {
@@ -72,92 +53,78 @@ void renew_stamp(time_t now)
     const tm utc = broken_down(now);
     stamp.second = now;
     stamp.day = utc.tm_mday;
-    const int printed =
-        snprintf(stamp.text, sizeof stamp.text, "%04d%02d%02d-%02d%02d%02d", utc.tm_year + 1900,
-                 utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
-    stamp.length = std::min(static_cast<size_t>(printed), sizeof stamp.text - 1);
+    snprintf(stamp.text, sizeof stamp.text, "%04d%02d%02d-%02d%02d%02d", utc.tm_year + 1900,
+             utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
 }
 
-void begin_line(Line *line, const Level &level, time_t now)
-{
-    const Stamp &current = stamp;
-    if (now != current.second) {
-        renew_stamp(now);
-    }
-    line->day = current.day;
-    memcpy(line->text, current.text, sizeof current.text);
-    memcpy(line->text + current.length, level.text, sizeof level.text);
-    line->next = line->text + current.length + level.length;
-}
-
-// All that stands before the messages from one place within one second.
-struct Prefix {
-    time_t second;
-    const Level *level;
-    int number;
-    int day;
-    char source[16];
-    size_t length;
-    char text[64];
-};
-
-// Those of the places where the thread traced last; most threads trace from a handful, and a
-// frame's lines come from five.
-thread_local Prefix prefixes[32];
-
-void begin_line_at(Line *line, const Level &level, const char *source, int number)
+// Without a source the line tells of no place.
+void begin_line(Line *line, const char *level, const char *source, int number)
 {
     const time_t now = time(nullptr);
-    Prefix *prefix = &prefixes[static_cast<unsigned>(number) % std::size(prefixes)];
-    if (prefix->number == number && prefix->second == now && prefix->level == &level &&
-        strcmp(prefix->source, source) == 0) {
-        memcpy(line->text, prefix->text, sizeof prefix->text);
-        line->next = line->text + prefix->length;
-        line->day = prefix->day;
-        return;
+    if (now != stamp.second) {
+        renew_stamp(now);
     }
-    begin_line(line, level, now);
-    const size_t source_length = strnlen(source, MAX_SOURCE_SIZE);
-    line->next = vos_trace_put_bytes(line->next, line->end(), source, source_length);
-    *line->next++ = ':';
-    line->next = vos_trace_put_decimal(line->next, line->end(), number);
-    *line->next++ = ':';
-    const auto length = static_cast<size_t>(line->next - line->text);
-    if (source_length < sizeof prefix->source && length <= sizeof prefix->text) {
-        *prefix = {now, &level, number, line->day, "", length, ""};
-        memcpy(prefix->source, source, source_length);
-        memcpy(prefix->text, line->text, length);
+    line->day = stamp.day;
+    line->next = vos_trace_put_text(line->text, line->end(), stamp.text);
+    line->next = vos_trace_put_text(line->next, line->end(), level);
+    if (source != nullptr) {
+        line->next = vos_trace_put_place(line->next, line->end(), source, number);
     }
 }
 
-// Waits until standard output takes bytes again; false when it never will.
-bool wait_for_output()
+// Waits until the stream, which does not block, takes bytes again; false when it never will.
+bool wait_for(FILE *stream)
 {
-    pollfd output{STDOUT_FILENO, POLLOUT, 0};
-    return poll(&output, 1, -1) >= 0 || errno == EINTR;
+    pollfd output{fileno_unlocked(stream), POLLOUT, 0};
+    return output.fd >= 0 && (poll(&output, 1, -1) >= 0 || errno == EINTR);
 }
 
-void write_all(const char *text, size_t length)
+// Writes the text, of which an unbuffered stream may take a part: how much is returned. The C
+// library forgets what a buffer could not hand on, so such a stream has taken the text whole or not
+// at all.
+size_t write_once(FILE *stream, const char *text, size_t length)
 {
-    while (length > 0) {
-        // As write does, without its two atomic operations for threads that may be cancelled.
-        const ssize_t written = syscall(SYS_write, STDOUT_FILENO, text, length);
-        if (written >= 0) {
-            text += written;
-            length -= static_cast<size_t>(written);
-        } else if (errno != EINTR && !(errno == EAGAIN && wait_for_output())) {
-            return;
-        }
+    const size_t buffer_size = __fbufsize(stream);
+    if (buffer_size == UNBUFFERED) {
+        return fwrite_unlocked(text, 1, length, stream);
     }
+    // A line-buffered stream breaks up at its newlines what is the first thing it is given.
+    const size_t begun = buffer_size == 0 && putc_unlocked(*text, stream) != EOF ? 1 : 0;
+    fwrite_unlocked(text + begun, 1, length - begun, stream);
+    fflush_unlocked(stream);
+    if (ferror_unlocked(stream) == 0) {
+        return length;
+    }
+    __fpurge(stream); // or it might come out later, a second time
+    return 0;
 }
 
-// A terminal or an output that does not block may take a line in parts; no other line may come in
-// between, nor what is printed beside the lines.
+// Hands the text to the system whole. What is refused for the moment is written again; a reader
+// that is gone, or a full disk, loses it.
+void write_whole(FILE *stream, const char *text, size_t length)
+{
+    do {
+        clearerr_unlocked(stream);
+        errno = 0;
+        const size_t written = write_once(stream, text, length);
+        text += written;
+        length -= written;
+    } while (length != 0 && (errno == EINTR || (errno == EAGAIN && wait_for(stream))));
+}
+
+// The stream's lock keeps the lines of other threads out while a text is written in parts, and what
+// is printed beside the lines.
 void write_output(const char *text, size_t length)
 {
-    flockfile(stdout);
-    write_all(text, length);
-    funlockfile(stdout);
+    const int error = errno; // the caller may tell of it in its next line
+    FILE *stream = stdout;
+    flockfile(stream);
+    if (__fpending(stream) != 0 && wait_for(stream)) { // what is refused would be forgotten
+        fflush_unlocked(stream);                       // the text might not fit behind it
+    }
+    write_whole(stream, text, length);
+    funlockfile(stream);
+    errno = error;
 }
 
 void end_line(Line *line)
@@ -171,22 +138,23 @@ void end_line(Line *line)
     write_output(line->text, length);
 }
 
-VOS_PRINTF_LIKE(2, 0)
-void write_message(Line *line, const char *format, va_list arguments)
+VOS_PRINTF_LIKE(4, 0)
+void write_line(const char *level, const char *source, int number, const char *format,
+                va_list arguments)
 {
-    line->next = vos_trace_put_message(line->next, line->end(), format, arguments);
-    end_line(line);
+    Line line;
+    begin_line(&line, level, source, number);
+    line.next = vos_trace_put_message(line.next, line.end(), format, arguments);
+    end_line(&line);
 }
 
 } // namespace
 
 void vos_trace_fatal(const char *source, int line, const char *format, ...)
 {
-    Line built;
-    begin_line_at(&built, FATAL, source, line);
     va_list arguments;
     va_start(arguments, format);
-    write_message(&built, format, arguments);
+    write_line(":FATAL:", source, line, format, arguments);
     va_end(arguments);
     const VosTraceFiles *files = trace_files.load(std::memory_order_acquire);
     if (files != nullptr) {
@@ -197,21 +165,17 @@ void vos_trace_fatal(const char *source, int line, const char *format, ...)
 
 void vos_trace_error(const char *source, int line, const char *format, ...)
 {
-    Line built;
-    begin_line_at(&built, ERROR, source, line);
     va_list arguments;
     va_start(arguments, format);
-    write_message(&built, format, arguments);
+    write_line(":ERROR:", source, line, format, arguments);
     va_end(arguments);
 }
 
 void vos_trace_warning(const char *source, int line, const char *format, ...)
 {
-    Line built;
-    begin_line_at(&built, WARNING, source, line);
     va_list arguments;
     va_start(arguments, format);
-    write_message(&built, format, arguments);
+    write_line(":WARNING:", source, line, format, arguments);
     va_end(arguments);
 }
 
@@ -220,11 +184,9 @@ void vos_trace_info(const char *format, ...)
     if (trace_level.load(std::memory_order_relaxed) < LEVEL_INFO) {
         return;
     }
-    Line built;
-    begin_line(&built, INFO, time(nullptr));
     va_list arguments;
     va_start(arguments, format);
-    write_message(&built, format, arguments);
+    write_line(":INFO:", nullptr, 0, format, arguments);
     va_end(arguments);
 }
 
@@ -233,11 +195,9 @@ void vos_trace_debug(const char *source, int line, const char *format, ...)
     if (trace_level.load(std::memory_order_relaxed) < LEVEL_DEBUG) {
         return;
     }
-    Line built;
-    begin_line_at(&built, DEBUG, source, line);
     va_list arguments;
     va_start(arguments, format);
-    write_message(&built, format, arguments);
+    write_line(":DEBUG:", source, line, format, arguments);
     va_end(arguments);
 }
 
@@ -247,15 +207,16 @@ void vos_trace_dump(const char *source, int line, const void *data, uint32_t len
         return;
     }
     const auto *bytes = static_cast<const uint8_t *>(data);
+    uint32_t written = 0;
     do {
         Line built;
-        begin_line_at(&built, DUMP, source, line);
-        uint32_t written = length;
+        begin_line(&built, ":DUMP:", source, line);
+        written = length;
         built.next = vos_trace_put_dump(built.next, built.end(), bytes, &written);
         bytes += written;
         length -= written;
         end_line(&built);
-    } while (length > 0);
+    } while (length > 0 && written > 0); // a long source may leave no room for any
 }
 
 tm vos_trace_utc_now()

@@ -8,11 +8,16 @@
 // follows. A message that ends in a newline of its own leaves an empty line behind it.
 //
 // Any thread may trace at any time, from the first instruction of main on. A line is built on the
-// caller's stack and leaves whole, in one write where the output takes it, so lines of several
-// threads never mix. The calls block
-// while standard output takes no bytes (a stopped terminal, a full pipe); they must not be made
-// by a thread that may not wait for a reader. An output that is gone loses the line, silently.
+// caller's stack and goes through stdout, wherever the program has put it: behind what was printed
+// there before, whole, in one write where the output takes it, and flushed. So lines of several
+// threads never mix. The calls block while standard output takes no bytes (a stopped terminal, a
+// full pipe); they must not be made by a thread that may not wait for a reader. An output that is
+// gone or full loses the line, silently. One that does not block is waited for. Where such an
+// output is no pipe it may take a part of a line first: an unbuffered stdout goes on behind the
+// part, with a buffer the line is written again. errno stays as it is, the error indicator of
+// stdout tells of the last line.
 //
+// A conversion of the format that fails ends the message before it, and so does a NUL of a "%c".
 // source is the module's name without directory or extension ("app_lan"), line is __LINE__.
 
 #ifndef VOS_TRACE_H
@@ -37,8 +42,9 @@ void vos_trace_info(const char *format, ...) VOS_PRINTF_LIKE(1, 2);
 void vos_trace_debug(const char *source, int line, const char *format, ...) VOS_PRINTF_LIKE(3, 4);
 
 // Writes length bytes as "%02X " each, when the level is 2 or more. Bytes that do not fit in one
-// line go on in further DUMP lines, each complete with its prefix. No bytes give one line with the
-// prefix alone. data may be null when length is 0.
+// line go on in further DUMP lines, each complete with its prefix; where a long source leaves no
+// room for any, they are left out. No bytes give one line with the prefix alone. data may be null
+// when length is 0.
 void vos_trace_dump(const char *source, int line, const void *data, uint32_t length);
 
 // Sets what is written: 0 FATAL, ERROR and WARNING; 1 also INFO; 2 or more everything. The level
@@ -47,7 +53,8 @@ void vos_trace_set_level(uint32_t level);
 
 // Trace files. After vos_trace_init every line is also written to a file, before it goes to
 // standard output, and is in the file when the call returns; the calls that trace then block on the
-// file system, too. Files are kept in one of two ways:
+// file system, too, and must not be made while stdout is locked (flockfile). Files are kept in one
+// of two ways:
 //
 //   by size   (file count N > 0) DIRECTORY/BASE-YYYYMMDD-hhmmss, named by the UTC time of its
 //             opening, with _xxxx of hexadecimal digits behind it where such a file is there
@@ -55,21 +62,22 @@ void vos_trace_set_level(uint32_t level);
 //             Opening a file deletes the oldest files whose names begin with BASE until it is the
 //             Nth; so keep nothing else of that name there.
 //   by day    (file count 0) DIRECTORY/BASE.txt, emptied when it is opened: by the first line of
-//   the
-//             process, too. The first line whose day of the month (UTC) is another renames it
+//             the process, too. The first line whose day of the month (UTC) is another renames it
 //             BASE-YYYYMMDD.txt by the date of its opening and begins a new one. It replaces a
 //             file of that name, which is there when the clock was set back over midnight.
 //
 // A file that can't be opened is reported on standard output ("trace file open error : REASON") and
 // ends the trace files until the next vos_trace_init. A line that can't be stored (a full disk) is
-// left out of the file, never cut; the first one of a file is reported ("trace file write error :
-// REASON"). A daily file that can't be renamed is reported and lost. Standard output has every
-// line.
+// left out of the file, never cut, and does not count towards its size; the first one of a file is
+// reported ("trace file write error : REASON"). A daily file that can't be renamed is reported and
+// lost. Standard output has every line.
 
 // Sets the trace directory, ROOT/SUBDIR, which is created when ROOT is there (its parents are not),
 // and the base name, 1 to 32 characters ("traceagent" until set; any other text or null leaves it).
-// Directory and base name have room for 990 characters together; backslashes become slashes. The
-// names are copied. The first line opens the file; after a second call, too, in the new directory.
+// Directory, with a '/' behind each of its two names, and base name have room for 1007 characters
+// together; backslashes become slashes. The names are copied. The first line opens the file. After
+// a second call the open file goes on until it is full, by day while directory and base name stay
+// the same; the next file is then opened in the new directory.
 //
 // Without such a root, or with a null name, a path too long, or no memory, the directory is left as
 // it is (a base name that fits is taken); it then says "trace path invalid, use stdout" unless

@@ -21,7 +21,8 @@ namespace
 {
 
 constexpr size_t PATH_ROOM = 1024;
-constexpr size_t NAME_ROOM = 32; // behind the base name, the NUL included
+constexpr size_t NAME_ROOM = sizeof "-YYYYMMDD-hhmmss";      // behind the base name
+constexpr size_t UNIQUE_ROOM = 1 + VOS_FS_UNIQUE_DIGITS + 1; // "_xxxx" and a NUL
 constexpr uint32_t BASE_NAME_MAX = 32;
 constexpr int PURGE_SCANS_MAX = 100;
 constexpr int UNIQUE_DRAWS_MAX = 100'000; // there are fewer names to draw
@@ -37,9 +38,10 @@ struct TraceFiles {
     char *directory;
     bool directory_in_use; // false: standard output only
     char daily_path[PATH_ROOM];
-    tm daily_date; // when the daily file was opened
-    uint32_t written;
+    tm daily_date;    // when the daily file was opened
+    uint32_t written; // bytes that stand in the file
     bool failure_told;
+    bool by_day; // how the file was opened
     FILE *file;
 };
 
@@ -139,13 +141,14 @@ void purge(OpenNames *names)
     }
 }
 
-// Gives the name digits that no file has yet; false when there is none left.
+// Gives the name digits that no file has yet, at the cost of its last characters when the path is
+// full; false when there are none left.
 bool make_unique(char *name)
 {
     if (!vos_fs_can_be_read(name)) {
         return true;
     }
-    char *digits = name + strlen(name);
+    char *digits = name + std::min(strlen(name), PATH_ROOM - UNIQUE_ROOM);
     *digits++ = '_';
     digits[VOS_FS_UNIQUE_DIGITS] = '\0';
     for (int draw = 0; draw < UNIQUE_DRAWS_MAX; ++draw) {
@@ -182,7 +185,8 @@ void open_file()
     if (!files.directory_in_use) {
         return;
     }
-    if (files.file_count == 0) {
+    files.by_day = files.file_count == 0;
+    if (files.by_day) {
         files.daily_date = vos_trace_utc_now();
         open_stream(files.daily_path);
     } else {
@@ -205,14 +209,13 @@ void archive_daily_file()
 // A line that was built before midnight may come behind the first one of the new day; it joins it.
 bool day_has_passed(int day)
 {
-    return files.file_count == 0 && day != files.daily_date.tm_mday &&
+    return files.by_day && day != files.daily_date.tm_mday &&
            vos_trace_utc_now().tm_mday != files.daily_date.tm_mday;
 }
 
 // Takes back what was stored of a line that did not go into the file whole, so that the next one,
-// when there is room again, begins a line of its own. The line counts all the same: where the trace
-// files themselves fill the disk, the next one makes room by deleting the oldest.
-void take_back(size_t stored)
+// when there is room again, begins a line of its own. Returns the bytes of it that are left.
+size_t take_back(size_t stored)
 {
     const int error = errno;
     const int descriptor = fileno(files.file);
@@ -224,15 +227,17 @@ void take_back(size_t stored)
                         whole ? "" : ", a line is cut");
         files.failure_told = true;
     }
+    return whole ? 0 : stored;
 }
 
+// Counts what was stored alone: on a full disk there is nothing to be had from another file.
 void append_line(const char *text, size_t length)
 {
-    const size_t stored = fwrite(text, 1, length, files.file);
+    size_t stored = fwrite(text, 1, length, files.file);
     if (stored != length) {
-        take_back(stored);
+        stored = take_back(stored);
     }
-    files.written += std::min(static_cast<uint32_t>(length), UINT32_MAX - files.written);
+    files.written += std::min(static_cast<uint32_t>(stored), UINT32_MAX - files.written);
 }
 
 void write_line(const char *text, size_t length, int day)
@@ -252,7 +257,7 @@ void write_line(const char *text, size_t length, int day)
         return;
     }
     append_line(text, length);
-    if (files.file_count != 0 && files.written >= files.file_size) {
+    if (!files.by_day && files.written >= files.file_size) {
         close_file();
         open_file();
     }
@@ -290,7 +295,6 @@ bool set_directory(const char *root, const char *subdir)
     const bool complete = directory != nullptr && fits(directory, files.base_name_length);
     if (complete) {
         std::replace(directory, directory + strlen(directory), '\\', '/'); // as listing it does
-        close_file();
         std::swap(files.root, new_root);
         std::swap(files.subdir, new_subdir);
         std::swap(files.directory, directory);
@@ -300,6 +304,19 @@ bool set_directory(const char *root, const char *subdir)
     vos_mem_free(&new_subdir);
     vos_mem_free(&directory);
     return complete;
+}
+
+// A file that is kept by size stays open until it is full. One of the day stays for as long as its
+// path does; under another one it could not be renamed when the day is over.
+void set_daily_path()
+{
+    char path[PATH_ROOM];
+    snprintf(path, sizeof path, "%s/%s.txt", files.directory, files.base_name);
+    const bool by_day = files.file_count == 0;
+    if (files.by_day != by_day || (by_day && strcmp(path, files.daily_path) != 0)) {
+        close_file();
+    }
+    memcpy(files.daily_path, path, sizeof path);
 }
 
 } // namespace
@@ -319,8 +336,7 @@ void vos_trace_init(const char *root, const char *subdir, const char *base_name)
     const bool given = root != nullptr && subdir != nullptr && files.lock != nullptr;
     if (given && access(root, F_OK) == 0 && set_directory(root, subdir)) {
         mkdir(files.directory, 0777);
-        snprintf(files.daily_path, sizeof files.daily_path, "%s/%s.txt", files.directory,
-                 files.base_name);
+        set_daily_path();
         vos_trace_set_files(&FILE_SIDE);
     }
     if (!files.directory_in_use) {
@@ -360,7 +376,7 @@ void vos_trace_new_file()
     const WorkGuard guard;
     if (files.file != nullptr) {
         close_file();
-        if (files.file_count == 0) {
+        if (files.by_day) {
             archive_daily_file();
         }
     }

@@ -1,135 +1,44 @@
 #include "vos_trace_text.h"
 
 #include <algorithm>
-#include <cstdint>
+#include <charconv>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
 namespace
 {
 
-constexpr char HEX_DIGITS[] = "0123456789abcdef";
-constexpr size_t MAX_NUMBER_SIZE = 11; // "-2147483648"
-static_assert(MAX_NUMBER_SIZE <= VOS_TRACE_SLACK);
-
-// "00" to "99"
-struct PairTable {
-    char text[100][2];
-};
-
-constexpr PairTable make_pair_table()
-{
-    PairTable table{};
-    for (unsigned pair = 0; pair < 100; ++pair) {
-        table.text[pair][0] = static_cast<char>('0' + pair / 10);
-        table.text[pair][1] = static_cast<char>('0' + pair % 10);
-    }
-    return table;
-}
-
-constexpr PairTable PAIR_TABLE = make_pair_table();
-
+constexpr char HEX_DIGITS[] = "0123456789ABCDEF";
 constexpr uint32_t DUMP_SIZE = 3; // characters a byte
 
-// "00 ", "01 " to "FF "; each is moved as one word.
-struct DumpTable {
-    char text[256][DUMP_SIZE + 1];
-};
-
-constexpr DumpTable make_dump_table()
+char *put_bytes(char *next, char *end, const char *bytes, size_t count)
 {
-    constexpr char DIGITS[] = "0123456789ABCDEF";
-    DumpTable table{};
-    for (unsigned byte = 0; byte < 256; ++byte) {
-        table.text[byte][0] = DIGITS[byte / 16];
-        table.text[byte][1] = DIGITS[byte % 16];
-        table.text[byte][2] = ' ';
-    }
-    return table;
+    const size_t fitting = std::min(count, static_cast<size_t>(end - next));
+    return static_cast<char *>(mempcpy(next, bytes, fitting));
 }
 
-constexpr DumpTable DUMP_TABLE = make_dump_table();
-
-char *write_pair(char *next, uint32_t value)
+template<typename T> char *put_number(char *next, char *end, T value, int base)
 {
-    memcpy(next, PAIR_TABLE.text[value], 2);
-    return next + 2;
+    return std::min(std::to_chars(next, next + VOS_TRACE_SLACK, value, base).ptr, end);
 }
 
-// Below 1000, as most numbers are.
-char *write_small(char *next, uint32_t value)
+// As "%0Nd" does with a number that is not negative, for a width of one digit.
+char *put_padded(char *next, char *end, int value, ptrdiff_t width)
 {
-    if (value >= 100) {
-        *next++ = static_cast<char>('0' + value / 100);
-        return write_pair(next, value % 100);
+    char *behind = std::to_chars(next, next + VOS_TRACE_SLACK, value).ptr;
+    const ptrdiff_t zeros = width - (behind - next);
+    if (zeros > 0) {
+        memmove(next + zeros, next, static_cast<size_t>(behind - next));
+        memset(next, '0', static_cast<size_t>(zeros));
+        behind = next + width;
     }
-    if (value >= 10) {
-        return write_pair(next, value);
-    }
-    *next = static_cast<char>('0' + value);
-    return next + 1;
+    return std::min(behind, end);
 }
 
-// From 1000 on.
-char *write_large(char *next, uint32_t value)
+bool is_padded(const char *percent)
 {
-    size_t count = 4;
-    for (const uint32_t power :
-         {10'000U, 100'000U, 1'000'000U, 10'000'000U, 100'000'000U, 1'000'000'000U}) {
-        count += value >= power ? 1 : 0;
-    }
-    char *place = next + count;
-    while (value >= 10) {
-        place -= 2;
-        write_pair(place, value % 100);
-        value /= 100;
-    }
-    if (place != next) {
-        *next = static_cast<char>('0' + value);
-    }
-    return next + count;
-}
-
-char *write_decimal(char *next, uint32_t value)
-{
-    return value < 1000 ? write_small(next, value) : write_large(next, value);
-}
-
-char *write_signed(char *next, int value)
-{
-    const auto bits = static_cast<uint32_t>(value);
-    if (value < 0) {
-        *next++ = '-';
-    }
-    return write_decimal(next, value < 0 ? 0 - bits : bits);
-}
-
-char *write_hex(char *next, uint32_t value)
-{
-    unsigned shift = 0;
-    while (shift < 28 && value >> shift >= 16) {
-        shift += 4;
-    }
-    *next++ = HEX_DIGITS[value >> shift];
-    while (shift != 0) {
-        shift -= 4;
-        *next++ = HEX_DIGITS[value >> shift & 15];
-    }
-    return next;
-}
-
-// As "%0Nd" does, for a width of one digit.
-char *write_padded(char *next, int value, size_t width)
-{
-    char *behind = write_signed(next, value);
-    const auto size = static_cast<size_t>(behind - next);
-    if (size >= width) {
-        return behind;
-    }
-    char *digits = next + (value < 0 ? 1 : 0);
-    memmove(digits + width - size, digits, static_cast<size_t>(behind - digits));
-    memset(digits, '0', width - size);
-    return next + width;
+    return percent[1] == '0' && percent[2] >= '1' && percent[2] <= '9' && percent[3] == 'd';
 }
 
 // Null when the format has a conversion that is not known here.
@@ -137,25 +46,26 @@ char *put_plain(char *next, char *end, const char *format, va_list arguments)
 {
     for (;;) {
         const char *percent = strchrnul(format, '%');
-        next = vos_trace_put_bytes(next, end, format, static_cast<size_t>(percent - format));
+        next = put_bytes(next, end, format, static_cast<size_t>(percent - format));
         if (*percent == '\0') {
             return next;
         }
         format = percent + 2;
         if (percent[1] == 'd') {
-            next = std::min(write_signed(next, va_arg(arguments, int)), end);
+            next = put_number(next, end, va_arg(arguments, int), 10);
         } else if (percent[1] == 's') {
             const char *string = va_arg(arguments, const char *);
-            string = string != nullptr ? string : "(null)";
-            next = vos_trace_put_bytes(next, end, string, strlen(string));
+            next = vos_trace_put_text(next, end, string != nullptr ? string : "(null)");
         } else if (percent[1] == 'x') {
-            next = std::min(write_hex(next, va_arg(arguments, uint32_t)), end);
+            next = put_number(next, end, va_arg(arguments, uint32_t), 16);
         } else if (percent[1] == 'u') {
-            next = std::min(write_decimal(next, va_arg(arguments, uint32_t)), end);
-        } else if (percent[1] == '0' && percent[2] >= '1' && percent[2] <= '9' &&
-                   percent[3] == 'd') {
-            const auto width = static_cast<size_t>(percent[2] - '0');
-            next = std::min(write_padded(next, va_arg(arguments, int), width), end);
+            next = put_number(next, end, va_arg(arguments, uint32_t), 10);
+        } else if (is_padded(percent)) {
+            const int value = va_arg(arguments, int);
+            if (value < 0) {
+                return nullptr;
+            }
+            next = put_padded(next, end, value, percent[2] - '0');
             format = percent + 4;
         } else {
             return nullptr;
@@ -165,24 +75,27 @@ char *put_plain(char *next, char *end, const char *format, va_list arguments)
 
 } // namespace
 
-char *vos_trace_put_bytes(char *next, char *end, const char *bytes, size_t count)
+char *vos_trace_put_text(char *next, char *end, const char *text)
 {
-    const size_t fitting = std::min(count, static_cast<size_t>(end - next));
-    return static_cast<char *>(mempcpy(next, bytes, fitting));
+    return put_bytes(next, end, text, strlen(text));
 }
 
-char *vos_trace_put_decimal(char *next, char *end, int number)
+char *vos_trace_put_place(char *next, char *end, const char *source, int number)
 {
-    return std::min(write_signed(next, number), end);
+    next = vos_trace_put_text(next, end, source);
+    *next++ = ':'; // at worst in the slack
+    next = std::to_chars(next, next + VOS_TRACE_SLACK - 2, number).ptr;
+    *next++ = ':';
+    return std::min(next, end);
 }
 
 char *vos_trace_put_dump(char *next, char *end, const uint8_t *bytes, uint32_t *count)
 {
-    const auto room = static_cast<uint32_t>(end - next);
-    *count = std::min(*count, room / DUMP_SIZE);
-#pragma GCC unroll 8
+    *count = std::min(*count, static_cast<uint32_t>(end - next) / DUMP_SIZE);
     for (uint32_t i = 0; i < *count; ++i) {
-        memcpy(next, DUMP_TABLE.text[bytes[i]], sizeof DUMP_TABLE.text[0]);
+        next[0] = HEX_DIGITS[bytes[i] >> 4];
+        next[1] = HEX_DIGITS[bytes[i] & 15];
+        next[2] = ' ';
         next += DUMP_SIZE;
     }
     return next;
@@ -198,6 +111,7 @@ char *vos_trace_put_message(char *next, char *end, const char *format, va_list a
         return behind;
     }
     const auto room = static_cast<size_t>(end - next);
-    const int printed = vsnprintf(next, room + 1, format, arguments);
-    return next + (printed > 0 ? std::min(room, static_cast<size_t>(printed)) : 0);
+    *next = '\0'; // an error may leave the room as it was
+    vsnprintf(next, room + 1, format, arguments);
+    return next + strnlen(next, room);
 }

@@ -12,16 +12,19 @@
 
 #include "vos_trace.h"
 
-constexpr size_t VOS_TRACE_SLACK = 16;
+constexpr size_t VOS_TRACE_SLACK = 16; // room for 32 bits in digits, and some signs
 
-char *vos_trace_put_bytes(char *next, char *end, const char *bytes, size_t count);
-char *vos_trace_put_decimal(char *next, char *end, int number);
+char *vos_trace_put_text(char *next, char *end, const char *text);
+
+// As "%s:%d:".
+char *vos_trace_put_place(char *next, char *end, const char *source, int number);
 
 // As "%02X " each; *count becomes the number of bytes that fitted whole.
 char *vos_trace_put_dump(char *next, char *end, const uint8_t *bytes, uint32_t *count);
 
-// What vsnprintf writes for the format. Most lines use nothing but %d, %03d, %u, %x and %s; these
-// are written here, in a small part of its time.
+// What vsnprintf writes for the format, up to a NUL or to a conversion that fails. Most lines use
+// nothing but %d, %u, %x, the first with a width as in %03d, and %s: these are written here, in a
+// small part of its time.
 char *vos_trace_put_message(char *next, char *end, const char *format, va_list arguments)
     VOS_PRINTF_LIKE(3, 0);
 

@@ -1,6 +1,6 @@
 // Conversions, texts, dates and timers. Any thread may call; nothing but the timers keeps state,
 // and nothing blocks unless it says so. Texts end in a NUL and are bytes, not characters of a
-// locale. An output must not overlap an input.
+// locale. An output must not overlap an input. A call that traces waits for the line's reader.
 
 #ifndef VOS_UTIL_H
 #define VOS_UTIL_H
@@ -109,9 +109,9 @@ uint32_t vos_util_get_time();
 
 // The seconds of a date text of 19 characters, YYYY-MM-DD hh:mm:ss (any characters serve as
 // separators), read in the time zone of the process or as UTC. 0, with the ERROR line "Invalid
-// date", for any other text; but 0 without a trace from the UTC variant for an empty or null one.
-// A year before 2000 gets a WARNING line. Of a local hour that comes twice, when summer time ends,
-// either is meant.
+// date" (its line number tells which of the three calls it was), for any other text; but 0 without
+// a trace from the UTC variant for an empty or null one. A year before 2000 gets a WARNING line. Of
+// a local hour that comes twice, when summer time ends, either is meant.
 uint32_t vos_util_parse_local_date(const char *text);
 uint32_t vos_util_parse_utc_date(const char *text);
 
@@ -146,10 +146,10 @@ uint32_t vos_util_isqrt(uint32_t value);
 // The callback runs in the timer's thread and may make any of these calls, for its own timer, too.
 // It must guard what it shares. Any thread may call, also several for one timer: commands take
 // effect in the order in which they were given, after a callback that is running. The calls don't
-// wait for that, but they do wait for one another, a start for its trace line too. All return 1
-// when they did their work; 0 with a DEBUG line when the timer is not running (start: when it runs,
-// or the address is null, or it could not be started), or with an ERROR line when the command could
-// not be sent.
+// wait for that, nor for one another but for a moment; only a start and a refusal wait, for the
+// reader of their trace line. All return 1 when they did their work; 0 with a DEBUG line when the
+// timer is not running (start: when it runs, or the address is null, or it could not be started),
+// or with an ERROR line when the command could not be sent.
 using VosTimer = std::atomic<VosTask *>;
 using VosTimerCallback = void (*)(uintptr_t argument);
 

@@ -20,16 +20,17 @@ constexpr int64_t SECONDS_PER_DAY = 86400;
 
 static_assert(sizeof(time_t) == sizeof(int64_t), "dates reach 2106 on every machine");
 
-uint32_t invalid_date()
+// line is that of the call that was given the date.
+uint32_t invalid_date(int line)
 {
-    vos_trace_error(MODULE, __LINE__, "Invalid date");
+    vos_trace_error(MODULE, line, "Invalid date");
     return 0;
 }
 
 // What does not fit, read as signed or as unsigned, is no date of this module.
-uint32_t as_seconds(int64_t seconds)
+uint32_t as_seconds(int64_t seconds, int line)
 {
-    return seconds < INT32_MIN || seconds > UINT32_MAX ? invalid_date()
+    return seconds < INT32_MIN || seconds > UINT32_MAX ? invalid_date(line)
                                                        : static_cast<uint32_t>(seconds);
 }
 
@@ -46,10 +47,10 @@ bool fields_are_valid(const tm *fields)
 }
 
 // The warning of a date long gone is the caller's own.
-bool year_is_valid(long year, const char *warning)
+bool year_is_valid(long year, const char *warning, int line)
 {
     if (year >= FIRST_YEAR && year < 2000) {
-        vos_trace_warning(MODULE, __LINE__, "%s", warning);
+        vos_trace_warning(MODULE, line, "%s", warning);
     }
     return year >= FIRST_YEAR;
 }
@@ -63,10 +64,11 @@ int number_at(const char *text, size_t position)
 }
 
 // Reads YYYY-MM-DD hh:mm:ss; false with a trace when it is no date.
-bool parse(const char *text, const char *warning, tm *fields)
+bool parse(const char *text, const char *warning, int line, tm *fields)
 {
     const long year = strtol(text, nullptr, 10);
-    bool valid = year_is_valid(year, warning) && year <= LAST_YEAR && strlen(text) == DATE_LENGTH;
+    bool valid =
+        year_is_valid(year, warning, line) && year <= LAST_YEAR && strlen(text) == DATE_LENGTH;
     if (valid) {
         *fields = {};
         fields->tm_year = static_cast<int>(year - FIRST_YEAR);
@@ -78,7 +80,7 @@ bool parse(const char *text, const char *warning, tm *fields)
         valid = fields_are_valid(fields);
     }
     if (!valid) {
-        invalid_date();
+        invalid_date(line);
     }
     return valid;
 }
@@ -119,28 +121,31 @@ void vos_util_set_time(uint32_t seconds)
 
 uint32_t vos_util_parse_local_date(const char *text)
 {
+    constexpr int LINE = __LINE__;
     tm fields = {};
-    if (!parse(text != nullptr ? text : "", "Year is less than 2006", &fields)) {
+    if (!parse(text != nullptr ? text : "", "Year is less than 2006", LINE, &fields)) {
         return 0;
     }
     fields.tm_isdst = -1;
-    return as_seconds(mktime(&fields));
+    return as_seconds(mktime(&fields), LINE);
 }
 
 uint32_t vos_util_parse_utc_date(const char *text)
 {
+    constexpr int LINE = __LINE__;
     tm fields = {};
     const bool empty = text == nullptr || *text == '\0';
-    if (empty || !parse(text, "Year is less than 2000", &fields)) {
+    if (empty || !parse(text, "Year is less than 2000", LINE, &fields)) {
         return 0;
     }
-    return as_seconds(timegm(&fields));
+    return as_seconds(timegm(&fields), LINE);
 }
 
 uint32_t vos_util_date_to_time(const VosDate *date)
 {
-    if (date == nullptr || !year_is_valid(date->year, "Year is less than 2006")) {
-        return invalid_date();
+    constexpr int LINE = __LINE__;
+    if (date == nullptr || !year_is_valid(date->year, "Year is less than 2006", LINE)) {
+        return invalid_date(LINE);
     }
     tm fields = {};
     fields.tm_year = static_cast<int>(date->year - FIRST_YEAR);
@@ -149,7 +154,7 @@ uint32_t vos_util_date_to_time(const VosDate *date)
     fields.tm_hour = date->hour;
     fields.tm_min = date->minute;
     fields.tm_sec = date->second;
-    return fields_are_valid(&fields) ? as_seconds(timegm(&fields)) : invalid_date();
+    return fields_are_valid(&fields) ? as_seconds(timegm(&fields), LINE) : invalid_date(LINE);
 }
 
 int32_t vos_util_get_tz_offset()

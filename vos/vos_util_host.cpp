@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -19,7 +20,6 @@
 
 #include "vos_fs.h"
 #include "vos_mem.h"
-#include "vos_task_linux.h"
 #include "vos_trace.h"
 
 namespace
@@ -30,7 +30,6 @@ constexpr char MODULE[] = "vos_util_linux";
 constexpr int POLLS_MAX = 1200;
 constexpr uint32_t POLL_PAUSE = 5; // ticks
 constexpr uint32_t ABORTED_MAX = 10;
-constexpr uint32_t PRIORITY = 6;
 constexpr int FIRST_CLOSED = 3;
 constexpr int LAST_CLOSED = 99;
 
@@ -40,8 +39,46 @@ constexpr size_t REPLY_SIZE = IP_HEADER_SIZE + sizeof ECHO_REQUEST;
 
 std::atomic<uint32_t> aborted_commands{0};
 
-// In the child of a process that may have other threads: nothing but system calls.
-[[noreturn]] void run_shell(const char *command)
+// Children whose end nobody watches any more; the next command's caller collects those that ended.
+struct GivenUp {
+    GivenUp *next;
+    pid_t child;
+};
+
+pthread_mutex_t given_up_mutex = PTHREAD_MUTEX_INITIALIZER;
+GivenUp *given_up = nullptr;
+
+// Without memory the child stays a zombie until the process ends.
+void give_up(pid_t child)
+{
+    GivenUp *entry = nullptr;
+    vos_mem_alloc(&entry, sizeof *entry);
+    if (entry != nullptr) {
+        const VosMutexGuard guard(&given_up_mutex);
+        *entry = {given_up, child};
+        given_up = entry;
+    }
+}
+
+void collect_given_up()
+{
+    const VosMutexGuard guard(&given_up_mutex);
+    for (GivenUp **link = &given_up; *link != nullptr;) {
+        GivenUp *entry = *link;
+        if (waitpid(entry->child, nullptr, WNOHANG) == 0) {
+            link = &entry->next;
+        } else {
+            *link = entry->next;
+            vos_mem_free(&entry);
+        }
+    }
+}
+
+// The child of a command: runs the command in a shell of its own, waits for it as `system` does,
+// and ends with 0. The process it comes from may have other threads, any of which may have held a
+// lock of the C library: only what a signal handler may call, too, is called here. So neither
+// `system` nor `fork`, which takes such locks.
+[[noreturn]] void run_command(const char *command)
 {
     for (const int number : {SIGINT, SIGHUP, SIGQUIT, SIGABRT, SIGTERM, SIGTSTP}) {
         signal(number, SIG_DFL);
@@ -52,7 +89,15 @@ std::atomic<uint32_t> aborted_commands{0};
     for (int descriptor = FIRST_CLOSED; descriptor <= LAST_CLOSED; ++descriptor) {
         close(descriptor);
     }
-    execl("/bin/sh", "sh", "-c", command, static_cast<char *>(nullptr));
+    const pid_t shell = _Fork();
+    if (shell == 0) {
+        execl("/bin/sh", "sh", "-c", command, static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    signal(SIGINT, SIG_IGN); // the keyboard's signals are for the command
+    signal(SIGQUIT, SIG_IGN);
+    while (shell > 0 && waitpid(shell, nullptr, 0) < 0 && errno == EINTR) {
+    }
     _exit(0);
 }
 
@@ -74,14 +119,6 @@ Child watch(pid_t child)
             return Child::gone; // another poll could only find a stranger's process
         }
     }
-}
-
-// Entry of a task that waits for a command nobody waits for any more, so that no zombie stays.
-uint32_t collect(VosTask * /*task*/, uintptr_t child)
-{
-    while (waitpid(static_cast<pid_t>(child), nullptr, 0) < 0 && errno == EINTR) {
-    }
-    return 0;
 }
 
 int judge_reply(const uint8_t *reply, ssize_t size, const char *address)
@@ -127,9 +164,10 @@ void vos_util_system(const char *command)
     if (command == nullptr) {
         return;
     }
+    collect_given_up();
     const pid_t child = fork();
     if (child == 0) {
-        run_shell(command);
+        run_command(command);
     }
     vos_trace_info("wait end of system call(%d):\"%s\"", child, command);
     const Child state = child < 0 ? Child::gone : watch(child);
@@ -141,8 +179,7 @@ void vos_util_system(const char *command)
         vos_trace_error(MODULE, __LINE__, "too much system call failure, reset");
     }
     if (state == Child::running) {
-        vos_task_start(collect, PRIORITY, "command", static_cast<uintptr_t>(child),
-                       VOS_THREAD_STACK_SIZE);
+        give_up(child);
     }
 }
 
@@ -154,15 +191,18 @@ char *vos_util_find_in_file(const char *path, const char *text)
     }
     char *line = nullptr;
     size_t room = 100;
-    while (getline(&line, &room, file) >= 0) {
-        if (strstr(line, text) != nullptr) {
-            vos_fs_fclose(&file);
-            return line;
-        }
+    ssize_t length = getline(&line, &room, file);
+    while (length >= 0 && strstr(line, text) == nullptr) {
+        length = getline(&line, &room, file);
     }
-    free(line);
     vos_fs_fclose(&file);
-    return nullptr;
+    if (length < 0) {
+        free(line);
+        return nullptr;
+    }
+    // The block has grown with the longest line so far.
+    auto *fitted = static_cast<char *>(realloc(line, static_cast<size_t>(length) + 1));
+    return fitted != nullptr ? fitted : line;
 }
 
 int vos_util_ping(const char *address, uint32_t timeout)

@@ -94,14 +94,15 @@ void vos_event_destroy(VosEventFlags **flags);
 // Runs the command by the shell and blocks until it has ended, 100 ms at least and about 120
 // seconds at most (less when signals interrupt it). The command has the default actions of SIGINT,
 // SIGHUP, SIGQUIT, SIGABRT, SIGTERM and SIGTSTP, no signal blocked, and no descriptor from 3 to 99.
-// Its status is not told. A command that runs longer is reported (ERROR "abort system call:...")
-// and goes on by itself; a task of this layer, which vos_task_count counts, waits for its end. The
-// tenth in the life of the process adds "too much system call failure, reset". A null command does
-// nothing. Any thread.
+// Its shell is the child of a child of this process. Its status is not told. A command that runs
+// longer is reported (ERROR "abort system call:...") and goes on by itself; when it ends, its child
+// stays a zombie, and a small block in use, until the next call. The tenth in the life of the
+// process adds "too much system call failure, reset". A null command does nothing. Any thread.
 void vos_util_system(const char *command);
 
-// The first line of the file that contains the text, with its line end; null when there is none, or
-// no such file, or an argument is null. The caller frees it with free, not with vos_mem_free.
+// The first line of the file that contains the text, with its line end, in a block of its size;
+// null when there is none, or no such file, or an argument is null. The caller frees it with free,
+// not with vos_mem_free.
 // Blocks on the file.
 char *vos_util_find_in_file(const char *path, const char *text);
 

@@ -15,13 +15,13 @@ namespace
 {
 
 constexpr char MODULE[] = "vos_util";
-constexpr uint32_t PRIORITY = 6;
 
 enum class State { armed, idle, ended };
 
 // Held by the calls from their look at a VosTimer until their message is in the mailbox, and by the
 // task to clear the VosTimer: a task that a call has found lives until the call is done with it.
-// A start holds it until the VosTimer is set, so the first callback finds it set.
+// A start sets the VosTimer before its task runs, so the first callback finds it set. Nothing is
+// traced with it held: whom a line makes wait for its reader must not keep the others waiting.
 pthread_mutex_t timers_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 VosTimerMsg *new_message(uint32_t kind)
@@ -143,6 +143,31 @@ void wait_armed(TimerState *timer, VosTask *task)
     }
 }
 
+bool take_over(VosTimer *timer, VosTask *task)
+{
+    const VosMutexGuard guard(&timers_mutex);
+    if (*timer != nullptr) {
+        return false;
+    }
+    *timer = task;
+    return true;
+}
+
+// The task frees the parameters once it runs; until then they are the caller's.
+bool start(VosTimer *timer, VosTimerParams *params)
+{
+    VosTask *task =
+        vos_task_prepare(vos_util_timer_task, "timer", std::bit_cast<uintptr_t>(params));
+    if (task != nullptr && take_over(timer, task)) {
+        if (vos_task_run(task, "timer", VOS_THREAD_STACK_SIZE) == 1) {
+            return true;
+        }
+        stop(timer); // what it was sent meanwhile goes with it
+    }
+    vos_task_discard(&task);
+    return false;
+}
+
 } // namespace
 
 uint32_t vos_util_timer_task(VosTask *task, uintptr_t argument)
@@ -165,19 +190,12 @@ int vos_util_start_timer(VosTimer *timer, uint8_t periodic, uint32_t period,
                          VosTimerCallback callback, uintptr_t argument)
 {
     VosTimerParams *params = nullptr;
-    VosTask *task = nullptr;
-    if (timer != nullptr) {
+    if (timer != nullptr && *timer == nullptr) {
         vos_mem_calloc(&params, sizeof *params);
     }
     if (params != nullptr) {
         *params = {timer, periodic, period, callback, argument};
-        const VosMutexGuard guard(&timers_mutex);
-        if (*timer == nullptr) {
-            task = vos_task_start(vos_util_timer_task, PRIORITY, "timer",
-                                  std::bit_cast<uintptr_t>(params), VOS_THREAD_STACK_SIZE);
-        }
-        if (task != nullptr) {
-            *timer = task;
+        if (start(timer, params)) {
             return 1;
         }
     }

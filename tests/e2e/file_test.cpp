@@ -1,5 +1,7 @@
 #include "harness.h"
 
+#include "../private_mounts.h"
+
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -27,8 +29,8 @@ struct Files : testing::Test {
         if (gateway_namespace < 0) {
             GTEST_SKIP() << "no file systems of our own without namespaces";
         }
-        ASSERT_EQ(mount("tmpfs", "/var", "tmpfs", 0, "size=1m"), 0);
-        ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "size=4m"), 0);
+        ASSERT_TRUE(mount_empty("/var", "size=1m"));
+        ASSERT_TRUE(mount_empty("/tmp", "size=4m"));
         fs::create_directory(directory);
         fs::current_path(directory);
     }

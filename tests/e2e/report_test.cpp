@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 
 namespace e2e
@@ -119,31 +118,6 @@ TEST_F(Report, IsAnsweredByTheRulesOfTheProtocol)
     answer = modem.receive();
     EXPECT_EQ(hex(answer.replace(2, 2, 2, '\0')), hex(encode(NON, VALID, 0, "tok")));
     tool.expect(frame_lines(numbered(1)));
-}
-
-TEST(Filter, WritesTheFramesOfTheRealTool)
-{
-    Peer modem;
-    FILE *filter = popen("exec 3>&1; { timeout 20 " WMBUSCTL_TOOL
-                         " & echo $! >&3; wait; } | " WMBUSCTL_FRAMES " --format hex",
-                         "re");
-    char line[4000];
-    ASSERT_NE(fgets(line, sizeof line, filter), nullptr);
-    const int tool = std::stoi(line);
-    do { // until it hears
-        modem.send(encode(NON, POST, 1, "", "info_ind", info()), address(6));
-    } while (modem.receive(milliseconds(100)).empty());
-    Bytes data = numbered(1);
-    for (const std::size_t size : {12U, 320U, 400U, 1365U}) { // 1400 bytes in all
-        while (data.size() < size) {
-            data += static_cast<char>(data.size() * 7);
-        }
-        std::string digits = hex(data);
-        digits.erase(std::remove(digits.begin(), digits.end(), ' '), digits.end());
-        modem.send(encode(NON, PUT, 2, "", "rx_msg_req", frame(data)), address(6));
-        EXPECT_TRUE(fscanf(filter, " %3999s", line) == 1 && line == digits) << line;
-    }
-    EXPECT_EQ(kill(tool, SIGTERM) + pclose(filter), 0);
 }
 
 // The gateway's address again, with "broadcast +" or without a broadcast address.

@@ -29,7 +29,7 @@ TEST(Lan, StatisticsAreStoredByTheirOffsets)
     EXPECT_EQ(handle(lan_handle_stats, 1, Bytes(53)), "-ERROR:app_lan:Malformed stats msg|");
     EXPECT_EQ(handle(lan_handle_stats, 9, Bytes(54)),
               "-ERROR:app_lan:Statistics of an unknown modem|");
-    LanState copy;
+    ModemEntry copy[MODEM_TABLE_SIZE];
     for (const auto &[announced, size] : Table<uint8_t, int>{{2, 58}, {7, 58}, {7, 54}, {9, 57}}) {
         Bytes payload(static_cast<size_t>(size));
         std::iota(payload.begin(), payload.end(), uint8_t{0});
@@ -37,10 +37,10 @@ TEST(Lan, StatisticsAreStoredByTheirOffsets)
         const std::string seen = handle(lan_handle_stats, 1, payload);
         EXPECT_EQ(seen.find("ERROR:app_lan:Too much receiver channel :9|") == 0, announced == 9);
         handle(lan_handle_info, 1, info); // takes nothing of them away
-        lan_get_modem_table(&copy.table);
+        lan_get_modem_table(copy);
         const int n = std::min<int>(announced, 7);
         for (int k = 0; k < 7; ++k) {
-            const ModemStats &stats = copy.table[4].stats[k];
+            const ModemStats &stats = copy[4].stats[k];
             const int there = k < n ? 1 : 0;
             EXPECT_EQ(stats.first & 0xFF, there * (2 + 2 * k));
             EXPECT_EQ(stats.second >> 8, there * (3 + 2 * n + 2 * k));
@@ -48,12 +48,12 @@ TEST(Lan, StatisticsAreStoredByTheirOffsets)
             EXPECT_EQ(stats.last, 2 + 7 * n + k < size ? there * (2 + 7 * n + k) : 0);
         }
     }
-    EXPECT_EQ(copy.table[4].info_time, 2'000'000'000U);
+    EXPECT_EQ(copy[4].info_time, 2'000'000'000U);
 }
 
 TEST(Lan, FirmwareForAnUnknownModemIsRemovedAgain)
 {
-    if (!make_mounts_private() || mount("tmpfs", "/var", "tmpfs", 0, nullptr) != 0) {
+    if (!make_mounts_private() || !mount_empty("/var")) {
         ASSERT_EQ(getenv("CI"), nullptr);
         GTEST_SKIP() << "no mount namespace to be had";
     }

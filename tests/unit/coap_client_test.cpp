@@ -90,9 +90,11 @@ struct Capture {
         const Scratch scratch;
         std::ofstream("dump") << dump;
         std::ofstream("wrong") << wrong;
+        // From version 4.4 on it runs no scripts for root.
         const char *const commands =
             "text2pcap -q -D -u 4,5683 -4 10.0.0.1,10.0.0.2 dump pcap && for passes in '' -2; do "
-            "tshark $passes -r pcap -X lua_script:" WMBUSCTL_DISSECTOR
+            "setpriv --reuid=1 --regid=1 --clear-groups --inh-caps=+dac_override "
+            "--ambient-caps=+dac_override tshark $passes -r pcap -X lua_script:" WMBUSCTL_DISSECTOR
             " -T fields -e frame.number -Y \"$(cat wrong)\" || exit; done >found";
         EXPECT_EQ(system(commands), 0);
         return content_of("found");
@@ -101,7 +103,7 @@ struct Capture {
 
 TEST_F(Client, MessagesAreAsDocumentedAndDissected)
 {
-    if (!make_mounts_private() || mount("tmpfs", "/var", "tmpfs", 0, nullptr) != 0 ||
+    if (!make_mounts_private() || !mount_empty("/var") ||
         system("command -v tshark >/dev/null") != 0) {
         ASSERT_EQ(getenv("CI"), nullptr);
         GTEST_SKIP() << "no mount namespace or no tshark to be had";

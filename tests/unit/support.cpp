@@ -1,11 +1,14 @@
 #include "support.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <bit>
 #include <fstream>
 #include <thread>
 
+#include "app_lan_state.h"
 #include "vos_mem.h"
+#include "vos_trace.h"
 #include "vos_util.h"
 
 std::atomic<int> fail_allocation{(vos_mem_init(), 0)};
@@ -15,6 +18,37 @@ bool short_sleeps = false;
 uint64_t slept = 0;
 int raw_socket = -1;
 void (*on_allocation)() = nullptr;
+
+static uint32_t blocks_before = 0;
+
+// The next test begins as the first one did.
+class FreshStart : public testing::EmptyTestEventListener
+{
+    void OnTestStart(const testing::TestInfo & /*test*/) override
+    {
+        blocks_before = vos_mem_get_nbpools();
+    }
+    void OnTestEnd(const testing::TestInfo & /*test*/) override
+    {
+        fail_allocation = 0;
+        fake_clock = {};
+        refuse_threads = short_sleeps = false;
+        slept = 0;
+        std::ranges::fill(lan_state.table, ModemEntry{});
+        std::ranges::fill(lan_state.counters, 0U);
+        setenv("PATH", path.c_str(), 1);
+        raw_socket = -1;
+        on_allocation = nullptr;
+        vos_trace_set_level(3);
+        vos_trace_set_file_count(10);
+        vos_trace_set_file_size(100'000);
+        vos_trace_init("/", "", "traceagent");
+        vos_trace_close();
+    }
+    const std::string path = getenv("PATH");
+};
+const bool fresh_starts =
+    (testing::UnitTest::GetInstance()->listeners().Append(new FreshStart), true);
 
 #if __TIMESIZE == 32
 #define TIME_CALL(prefix, name) prefix##__##name##64
@@ -85,6 +119,11 @@ int TIME_CALL(__wrap_, select)(int count, fd_set *in, fd_set *out, fd_set *excep
     }
     return TIME_CALL(__real_, select)(count, in, out, except, limit);
 }
+}
+
+uint32_t new_blocks()
+{
+    return vos_mem_get_nbpools() - blocks_before;
 }
 
 Bytes unhex(const std::string &digits)

@@ -28,6 +28,7 @@ extern void (*on_allocation)();          // called by the next calloc
 Bytes unhex(const std::string &digits);
 coap_address_t ipv4(const std::string &host, uint16_t port = 5683);
 bool wait_until(const std::function<bool()> &condition); // false when 10 seconds did not help
+uint32_t new_blocks();                                   // of vos_mem, since the test began
 std::string content_of(const std::string &path);         // "-" when there is no such file
 
 // What the call writes to standard output; without time stamps and line numbers, '|' after a line.

@@ -1,5 +1,6 @@
 #include "vos_queue.h"
 
+#include <algorithm>
 #include <bit>
 #include <random>
 
@@ -72,6 +73,10 @@ TEST(Queue, KeysMarksAndNumbers)
     match = 1;
     EXPECT_EQ(vos_queue_append(list, a + 1), 1) << "found as a key, not added";
     EXPECT_EQ(vos_queue_find(list, a + 1), a + 1);
+    fail_allocation = 1;
+    EXPECT_EQ(vos_queue_insert(list, a, INT16_MAX), -2);
+    EXPECT_EQ(vos_queue_count(list), 6);
+    match = 0;
     vos_queue_destroy(&list);
     list = vos_queue_create(0, nullptr);
     for (const uintptr_t value : {0U, 2U, 3U}) {

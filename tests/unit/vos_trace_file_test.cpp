@@ -62,6 +62,19 @@ TEST(TraceFile, NamesAreCheckedAndJoined)
     EXPECT_EQ(vos_trace_get_dir(), nullptr);
     output_of([] { (trace("only there"), vos_trace_new_file()); });
     EXPECT_EQ(names_in(root).size(), 2U) << "another file";
+    std::string deep = root + '/';
+    for (const char part : {'a', 'b', 'c', 'd'}) {
+        deep += std::string(200, part) + '/';
+    }
+    deep += std::string(997 - deep.size() - 3, 'e'); // with "/l/" behind it
+    fs::create_directories(deep);
+    EXPECT_EQ(lines_of([&] { vos_trace_init(deep.c_str(), "ll", nullptr); }), invalid);
+    vos_trace_init(deep.c_str(), "l", nullptr);
+    fake_clock = {EVENING, 0};
+    output_of([] { (trace("1"), vos_trace_new_file(), vos_trace_new_file()); });
+    const auto names = names_in(deep + "/l"); // of one second, of the same length
+    EXPECT_EQ(names.size(), 3U);
+    EXPECT_EQ(names.begin()->size() + names.rbegin()->size(), 2 * (1023 - 997U));
 }
 
 TEST(TraceFile, RotatesBySizeAndKeepsTheYoungest)
@@ -129,6 +142,36 @@ TEST(TraceFile, RotatesWhenTheDayOfTheMonthChanges)
     EXPECT_TRUE(content_of("logs/traceagent.txt").ends_with(":d\n"));
 }
 
+TEST(TraceFile, ASecondInitLeavesTheOpenFileAsLongAsItServes)
+{
+    const Scratch scratch;
+    fake_clock = {EVENING, 0};
+    const auto init = [&](const char *subdir, const char *base) {
+        vos_trace_init(scratch.path.c_str(), subdir, base);
+        return output_of([] { trace("x"); });
+    };
+    std::string daily, sized;
+    vos_trace_set_file_count(0);
+    daily = init("l", "b");
+    daily += init("l", "b");
+    daily += init("l/", nullptr);
+    EXPECT_EQ(content_of("l/b.txt"), daily);
+    for (const char *base : {"b", "c"}) {
+        const std::string line = init("m", base);
+        EXPECT_EQ(content_of(std::string("m/") + base + ".txt"), line);
+    }
+    vos_trace_set_file_count(9);
+    for (const char *subdir : {"s", "t", "s", "t"}) {
+        sized += init(subdir, "c");
+    }
+    EXPECT_EQ(names_in("t").size(), 0U);
+    vos_trace_set_file_size(1);
+    sized += init("t", "c");
+    EXPECT_EQ(content_of("s/c-20261122-235959"), sized);
+    EXPECT_EQ(content_of("t/c-20261122-235959"), "") << "the next one";
+    EXPECT_EQ(content_of("l/b.txt"), daily);
+}
+
 TEST(TraceFile, ADirectoryThatVanishesOrFillsUpCostsTheFileAlone)
 {
     const Scratch scratch;
@@ -136,6 +179,7 @@ TEST(TraceFile, ADirectoryThatVanishesOrFillsUpCostsTheFileAlone)
     output_of([] { trace(std::string(900, 'x').c_str()); }); // what is captured below stays smaller
     const std::string file = fs::directory_iterator("l")->path();
     const std::string whole = content_of(file);
+    vos_trace_set_file_size(static_cast<uint32_t>(whole.size()) + 29); // one more than a line's
     signal(SIGXFSZ, SIG_IGN);
     rlimit room = {};
     getrlimit(RLIMIT_FSIZE, &room);
@@ -148,7 +192,9 @@ TEST(TraceFile, ADirectoryThatVanishesOrFillsUpCostsTheFileAlone)
                   trace("3");
               }),
               "trace file write error : File too large|ERROR:m:1|ERROR:m:2|ERROR:m:3|");
+    signal(SIGXFSZ, SIG_DFL);
     EXPECT_EQ(content_of(file).size(), whole.size() + 28) << "the third line alone";
+    EXPECT_EQ(names_in("l").size(), 1U) << "what was not stored does not count";
     EXPECT_TRUE(content_of(file).starts_with(whole) && content_of(file).ends_with(":3\n"));
     fs::remove_all("l");
     on_allocation = [] { trace("from inside"); };

@@ -87,6 +87,6 @@ TEST(Waiting, EndsByTimeByAPostOrByAllBits)
     vos_event_delete(&(flags = vos_event_create("f"))); // at once: nobody waits
     VosMutex *mutex = vos_mutex_create("m");
     vos_mutex_destroy(&mutex);
-    EXPECT_TRUE(flags == nullptr && mutex == nullptr && vos_mem_get_nbpools() == 0);
+    EXPECT_TRUE(flags == nullptr && mutex == nullptr && new_blocks() == 0);
 }
 } // namespace

@@ -1,7 +1,10 @@
 #include "vos_util_timer.h"
 
 #include <bit>
+#include <fcntl.h>
+#include <future>
 #include <thread>
+#include <unistd.h>
 
 #include "support.h"
 #include "vos_mem.h"
@@ -84,6 +87,32 @@ TEST(Timer, CommandsTakeEffectInTheirOrder)
     EXPECT_EQ(vos_util_stop_timer(&e.timer), 1);
 }
 
+TEST(Timer, AStartWhoseLineWaitsForItsReaderKeepsNobodyWaiting)
+{
+    Expiries running, started;
+    EXPECT_EQ(vos_util_start_timer(&running.timer, 0, 0, nullptr, 0), 1);
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const auto room = static_cast<size_t>(fcntl(ends[1], F_SETPIPE_SZ, 4096));
+    Bytes full(room);
+    EXPECT_EQ(write(ends[1], full.data(), room), static_cast<ssize_t>(room));
+    FILE *before = std::exchange(stdout, fdopen(ends[1], "w"));
+    std::future<int> start = std::async([&started] {
+        return vos_util_start_timer(&started.timer, 1, 1, on_expiry, started.argument());
+    });
+    const bool called = wait_until([&started] { return started.count > 0; });
+    std::future<int> stop = std::async([&running] { return vos_util_stop_timer(&running.timer); });
+    const auto in_time = stop.wait_for(std::chrono::seconds(5));
+    const auto start_waits = start.wait_for(milliseconds(0));
+    EXPECT_EQ(read(ends[0], full.data(), room), static_cast<ssize_t>(room));
+    EXPECT_EQ(start.get() + stop.get() + vos_util_stop_timer(&started.timer), 3);
+    wait_until([] { return vos_task_count() == 1; });
+    fclose(std::exchange(stdout, before));
+    close(ends[0]);
+    EXPECT_TRUE(called && in_time == std::future_status::ready);
+    EXPECT_EQ(start_waits, std::future_status::timeout) << "the pipe was not full";
+}
+
 TEST(Timer, ReportsWhatItRefusesAndWhatItCannotRead)
 {
     const std::string refused = lines_of([] {
@@ -105,9 +134,10 @@ TEST(Timer, ReportsWhatItRefusesAndWhatItCannotRead)
         const std::string lines =
             lines_of([&timer] { EXPECT_EQ(vos_util_start_timer(&timer, 0, 1, nullptr, 0), 0); });
         EXPECT_TRUE(lines.ends_with("DEBUG:vos_util:vos_util_start_timer refused|")) << lines;
+        EXPECT_TRUE(timer == nullptr);
     }
     refuse_threads = false;
-    EXPECT_EQ(vos_mem_get_nbpools(), 0U) << "a task that never ran was left";
+    EXPECT_EQ(new_blocks(), 0U) << "a task that never ran was left";
     const std::string lines = lines_of([] {
         Expiries e;
         EXPECT_EQ(vos_util_start_timer(&e.timer, 1, 5, on_expiry, e.argument()), 1);
@@ -129,7 +159,8 @@ TEST(Timer, ReportsWhatItRefusesAndWhatItCannotRead)
 
 TEST(Timer, SurvivesStartsAndStopsFromManyThreads)
 {
-    static std::atomic<int> started = 0;
+    static std::atomic<int> started;
+    started = 0;
     output_of([] {
         Expiries e;
         std::vector<std::jthread> callers(4);
@@ -145,6 +176,6 @@ TEST(Timer, SurvivesStartsAndStopsFromManyThreads)
         callers.clear();
         vos_util_stop_timer(&e.timer);
     });
-    EXPECT_EQ(vos_mem_get_nbpools(), 0U);
+    EXPECT_EQ(new_blocks(), 0U);
 }
 } // namespace
