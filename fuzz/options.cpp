@@ -12,7 +12,10 @@ void fuzz(FuzzedDataProvider &&input)
     }
     AppOptions o;
     if (app_parse_options(static_cast<int>(words.size()), arguments.data(), &o) == APP_OPTIONS_OK) {
-        assert(o.param_value_length <= sizeof o.param_value && o.inter_packet >= 0);
+        assert(o.param_value_length <= sizeof o.param_value);
+        assert(o.inter_packet >= 0 || o.fw_name != nullptr);
+        assert(o.wait <= 86'400 &&
+               !(o.all && (o.once || app_choose_action(&o) <= APP_UPGRADE_FIRMWARE)));
         assert(o.tx_frame == nullptr || strlen(o.tx_frame) / 2 <= APP_PATH_SIZE);
         assert(o.fw_name == nullptr || strlen(o.fw_name) < APP_PATH_SIZE);
         assert(o.download_name == nullptr || strlen(o.download_name) < APP_PATH_SIZE);

@@ -37,7 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     [[maybe_unused]] static const int unbuffered = setvbuf(stdout, nullptr, _IONBF, 0);
     static VosTask task{nullptr, 0, {}, {}, {}, vos_queue_create(0, nullptr), 0};
     static const uint32_t blocks = vos_mem_get_nbpools();
-    lan_state = {nullptr, nullptr, nullptr, {}, {}, &task, &task, nullptr};
+    lan_state = {};
+    lan_state.itf_task = lan_state.modem_task = &task;
     traced.clear();
     fuzz(FuzzedDataProvider(data, size));
     assert(vos_mem_get_nbpools() == blocks);

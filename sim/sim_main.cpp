@@ -19,6 +19,7 @@
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <system_error>
+#include <unistd.h>
 #include <vector>
 
 namespace
@@ -55,13 +56,14 @@ private:
     }
 };
 
-// A descriptor that becomes readable when the process is asked to end.
-Descriptor open_end_signals()
+// A descriptor that becomes readable when the process is asked to end, or a modem to start anew.
+Descriptor open_signals()
 {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGUSR1);
     if (sigprocmask(SIG_BLOCK, &signals, nullptr) != 0 || signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
         throw std::system_error(errno, std::generic_category(), "signals");
     }
@@ -90,9 +92,19 @@ int wait_milliseconds(const Stations &stations, const NoiseSender &noise)
     return static_cast<int>(std::clamp<decltype(wait)>(wait, 0, INT_MAX));
 }
 
-void run(const Stations &stations, NoiseSender &noise, const Descriptor &end_signals)
+bool is_end_signal(const Descriptor &signals)
 {
-    std::vector<pollfd> descriptors{{end_signals.get(), POLLIN, 0}};
+    signalfd_siginfo info{};
+    if (read(signals.get(), &info, sizeof info) != sizeof info) {
+        throw std::system_error(errno, std::generic_category(), "signalfd");
+    }
+    return info.ssi_signo != SIGUSR1;
+}
+
+void run(const Stations &stations, NoiseSender &noise, const Descriptor &signals)
+{
+    size_t next_restart = 0; // the modems take turns
+    std::vector<pollfd> descriptors{{signals.get(), POLLIN, 0}};
     for (const auto &station : stations) {
         descriptors.push_back({station->descriptor(), POLLIN, 0});
     }
@@ -102,7 +114,10 @@ void run(const Stations &stations, NoiseSender &noise, const Descriptor &end_sig
             throw std::system_error(errno, std::generic_category(), "poll");
         }
         if (descriptors[0].revents != 0) {
-            return;
+            if (is_end_signal(signals)) {
+                return;
+            }
+            stations[next_restart++ % stations.size()]->restart();
         }
         for (const auto &station : stations) {
             station->turn();
@@ -127,7 +142,7 @@ void simulate(const Options &options)
         options.frames_file.empty() ? built_in_frames() : load_frames(options.frames_file);
     Collector collector(options.collect_file);
     Recorder recorder(options.record_file);
-    const Descriptor end_signals = open_end_signals();
+    const Descriptor signals = open_signals();
     const Library library(options.verbose);
     Totals totals;
     Stations stations;
@@ -137,7 +152,7 @@ void simulate(const Options &options)
                                                      recorder, totals));
     }
     NoiseSender noise(options);
-    run(stations, noise, end_signals);
+    run(stations, noise, signals);
     log_summary(totals);
     if (options.noise_interval) {
         log_event("sim", "noise: %" PRIu64 " datagrams sent", noise.sent());

@@ -59,18 +59,34 @@ bool Collector::append(ByteView bytes)
 }
 
 Modem::Modem(const Options &options, uint32_t serial, Collector &collector)
-    : m_options(options), m_collector(collector), m_serial(serial),
-      m_name(make_text("%x", serial)), m_parameters{
-                                           {0x0100, {'s', 'i', 'm'}},
-                                           {0x0101, {0x0A, 0x00}},
-                                           {0x0102, {27}},
-                                           {0x0200, {0x66, 0x0D, 0xCB, 0x33}},
-                                       }
+    : m_options(options), m_collector(collector), m_serial(serial), m_name(make_text("%x", serial))
 {
-    for (size_t i = 0; i < options.receivers; ++i) {
+    set_defaults();
+}
+
+void Modem::set_defaults()
+{
+    m_parameters = {
+        {0x0100, {'s', 'i', 'm'}},
+        {0x0101, {0x0A, 0x00}},
+        {0x0102, {27}},
+        {0x0200, {0x66, 0x0D, 0xCB, 0x33}},
+    };
+    m_receivers = {};
+    for (size_t i = 0; i < m_options.receivers; ++i) {
         m_receivers[i].mode = DEFAULT_MODE;
         m_receivers[i].channel = static_cast<uint8_t>(i + 1);
     }
+}
+
+void Modem::restart()
+{
+    log_event(m_name, "starts anew");
+    set_defaults();
+    m_state = State::ready;
+    m_started = Clock::now();
+    m_install_end.reset();
+    m_announcement_wanted = true;
 }
 
 Bytes Modem::info() const

@@ -56,6 +56,9 @@ public:
     // The payload of rx_msg_req: the frame as the next of the active receivers took it.
     Bytes receive(const Bytes &frame);
 
+    // Starts anew: READY, with receivers and parameters as at first, and wants to announce it.
+    void restart();
+
     // Whether frames may be reported now.
     bool hears() const;
 
@@ -92,6 +95,7 @@ private:
     Answer log_text(ByteView payload);
     Answer firmware_upgrade(ByteView payload);
 
+    void set_defaults();
     void enter(State state);
     const char *state_name() const;
     bool any_active_receiver() const;
@@ -102,7 +106,7 @@ private:
     Collector &m_collector;
     const uint32_t m_serial;
     const std::string m_name;
-    const Time m_started = Clock::now();
+    Time m_started = Clock::now();
     State m_state = State::ready;
     std::array<Receiver, 7> m_receivers{};
     size_t m_last_receiver = 0;

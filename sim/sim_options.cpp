@@ -255,7 +255,8 @@ constexpr const char *HELP_HEAD =
     "\n"
     "Stands in for wireless M-Bus radio modems on the local network: announces itself\n"
     "to the gateway, answers its requests and reports received radio frames.\n"
-    "Runs until it is interrupted (Ctrl-C) and then prints a summary.\n"
+    "Runs until it is interrupted (Ctrl-C) and then prints a summary. At a SIGUSR1 a\n"
+    "modem starts anew, each in turn.\n"
     "\n";
 
 constexpr const char *HELP_TAIL =

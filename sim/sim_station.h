@@ -28,6 +28,8 @@ public:
     // A descriptor that is readable when turn has something to do.
     int descriptor() const;
 
+    void restart() { m_modem.restart(); }
+
     // Receives and sends what is due, without waiting.
     void turn();
 

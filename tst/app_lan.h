@@ -70,16 +70,37 @@ struct LanMsg {
     coap_address_t from;
 };
 
+// Who wants to know what _lan_modem_task made of a message; called there, once it is printed, with
+// no lock held. Must not wait.
+struct LanWatcher {
+    void (*info)(uint32_t serial, uint8_t state); // an info of a modem of the table
+    void (*install)(uint32_t serial, bool done);  // the report of a firmware installation
+};
+
 // Start-up. Creates the mutexes, clears table and counters and starts the two tasks and the thread
-// that runs the CoAP server; once, from main, before any other call of this header. Always 1.
+// that runs the CoAP server; once, from main, before any other call of this header but
+// lan_set_watcher. Always 1.
 int lan_start();
+
+// The same without the server: nothing is heard but the answers to requests.
+int lan_start_tasks();
+
+// Before lan_start; the watcher stays the caller's.
+void lan_set_watcher(const LanWatcher *watcher);
+
+// Blocks until the two tasks have digested all that was posted before the call. One thread at a
+// time.
+void lan_drain();
+
+// From here on lan_post_msg takes nothing more, so that a last lan_drain leaves nothing behind.
+void lan_close();
 
 // Asks the server thread to end; it does within its 2-second turn. Always 1.
 int lan_stop();
 
 // Copies sender and payload into a LanMsg and posts it to the task that digests its type. 1, or 0
-// when the message was not taken (the mailbox is full, 16 MiB wait already, or memory is out):
-// nothing is kept then.
+// when the message was not taken (the mailbox is full, 16 MiB wait already, memory is out, or after
+// lan_close): nothing is kept then.
 // Any thread; never waits for the task.
 int lan_post_msg(uint32_t type, const coap_address_t *from, const uint8_t *payload,
                  uint32_t length);
@@ -114,6 +135,23 @@ char *lan_format_endpoint(const uint8_t *data, uint32_t length, char *text);
 // Task entries: run until they receive a LAN_MSG_STOP, which they leave to its sender.
 uint32_t _lan_itf_task(VosTask *task, uintptr_t argument);
 uint32_t _lan_modem_task(VosTask *task, uintptr_t argument);
+
+// How the requests of an action went. One counts as answered with a code of class 2; one that was
+// not made for want of memory counts as a request.
+struct LanOutcome {
+    uint32_t requests;
+    uint32_t answered;
+};
+
+// Begins a new account. With stop_at_failure a request that isn't answered is the last one: those
+// behind it are not sent, and count for nothing. Calling thread of the requests, as
+// lan_get_outcome.
+void lan_begin_action(bool stop_at_failure);
+LanOutcome lan_get_outcome();
+
+// Asks whoever is at the address, whose port is not looked at, for its info; the answer is digested
+// by _lan_modem_task, which registers the modem. The last response code, as below.
+uint32_t lan_request_info(const coap_address_t *address);
 
 // Requests to the modem with that serial number. Without such a modem nothing is sent and nothing
 // traced.
@@ -180,8 +218,9 @@ uint32_t lan_get_tx_count();
 // The file given is consumed: it is moved, or removed when the upgrade can't be done. The image of
 // an earlier upgrade is replaced; before a copy from another file system it is removed, once the
 // file given is found to be readable. Changes the current directory of the process to the firmware
-// directory. 1 when the modem was asked (whatever it answered), -1 with an ERROR line.
-int lan_fw_upgrade(uint32_t serial, const char *path, const char *name);
+// directory. With keep the file given is copied instead, and stays whatever happens; it must not be
+// the one in the place. 1 when the modem was asked (whatever it answered), -1 with an ERROR line.
+int lan_fw_upgrade(uint32_t serial, const char *path, const char *name, bool keep);
 
 // Sends the file at path in packets of packet_size bytes, each as a radio frame to transmit, with
 // a pause of delay ticks after each. The file stays. 1 when every packet was sent, -1 with an

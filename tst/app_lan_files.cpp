@@ -63,6 +63,13 @@ void remove_file(const char *path)
     }
 }
 
+void consume(const char *path, bool keep)
+{
+    if (!keep) {
+        remove_file(path);
+    }
+}
+
 template<size_t N> void copy_cut(char (&field)[N], const char *text)
 {
     snprintf(field, N, "%s", text);
@@ -91,8 +98,8 @@ void announce_firmware(const ModemEntry *modem, uint32_t size, const char *file_
     lan_write_u32(&writer, size);
     lan_write_u16(&writer, name_length);
     lan_write_bytes(&writer, file_name, name_length + 1U);
-    coap_client_send_request(&modem->address, LAN_COAP_PORT, LAN_FIRMWARE_UPGRADE_REQ, payload,
-                             static_cast<uint16_t>(sizeof payload - writer.room));
+    lan_send_request(&modem->address, LAN_FIRMWARE_UPGRADE_REQ, payload,
+                     sizeof payload - writer.room);
 }
 
 // Checks before the first packet that the file can go out in such packets.
@@ -125,7 +132,8 @@ bool send_packets(uint32_t serial, FILE *file, uint32_t packet_size, uint32_t de
     ModemEntry modem;
     uint16_t counter = 1;
     bool all = true;
-    while (fread(packet, 1, packet_size, file) == packet_size && lan_copy_modem(serial, &modem)) {
+    while (!lan_is_action_over() && fread(packet, 1, packet_size, file) == packet_size &&
+           lan_copy_modem(serial, &modem)) {
         vos_trace_debug(MODULE, __LINE__, "Send packet n %d", counter);
         all &= lan_try_tx_msg(&modem, 0, 0, PACKET_RADIO_MODE, PACKET_CHANNEL, PACKET_TYPE,
                               PACKET_POWER, packet, packet_size);
@@ -193,13 +201,29 @@ int move_firmware(const char *path, const char *placed)
     return vos_fs_move_file(path, placed);
 }
 
+// The file in place goes when its installation is reported, so it can't be the one that stays.
+int copy_firmware(const char *path, const char *placed)
+{
+    if (vos_fs_enter_dir(FIRMWARE_DIRECTORY) != VOS_FS_OK) {
+        return VOS_FS_FAILED;
+    }
+    if (vos_fs_is_same_file(path, placed)) {
+        vos_trace_error(MODULE, __LINE__, "Can't keep %s : it is the file in place", path);
+        return VOS_FS_FAILED;
+    }
+    remove_earlier(path, placed);
+    return vos_fs_copy_file(path, placed);
+}
+
 // Size of the file once it is in its place: it may have changed since it was first looked at. 0,
 // with a trace, when it can't be announced.
-uint32_t place_firmware(const char *path, const char *placed, const char *name)
+uint32_t place_firmware(const char *path, const char *placed, const char *name, bool keep)
 {
-    if (move_firmware(path, placed) != VOS_FS_OK) {
-        vos_trace_error(MODULE, __LINE__, "Can not move fw file %s to %s", path, placed);
-        if (is_consumed(path)) {
+    const int result = keep ? copy_firmware(path, placed) : move_firmware(path, placed);
+    if (result != VOS_FS_OK) {
+        vos_trace_error(MODULE, __LINE__, "Can not %s fw file %s to %s", keep ? "copy" : "move",
+                        path, placed);
+        if (!keep && is_consumed(path)) {
             unlink(path); // one that can't be removed stays where it is, as that line says
         }
         return 0;
@@ -209,26 +233,26 @@ uint32_t place_firmware(const char *path, const char *placed, const char *name)
     if (size == 0) {
         vos_trace_error(MODULE, __LINE__, "Empty firmware for upgrade(%s), name:%s", placed, name);
         remove_file(placed);
-        remove_file(path);
+        consume(path, keep);
     }
     return size;
 }
 
 } // namespace
 
-int lan_fw_upgrade(uint32_t serial, const char *path, const char *name)
+int lan_fw_upgrade(uint32_t serial, const char *path, const char *name, bool keep)
 {
     vos_trace_debug(MODULE, __LINE__, "Request fw upgrade of Modem %x (%s)", serial, path);
     uint32_t size = 0;
     vos_fs_get_file_size(path, &size);
     if (size == 0) {
         vos_trace_error(MODULE, __LINE__, "Empty firmware for upgrade(%s), name:%s", path, name);
-        remove_file(path);
+        consume(path, keep);
         return -1;
     }
     char placed[PLACED_PATH_SIZE];
     snprintf(placed, sizeof placed, "%s%x", FIRMWARE_DIRECTORY, serial);
-    size = place_firmware(path, placed, name);
+    size = place_firmware(path, placed, name, keep);
     if (size == 0) {
         return -1;
     }
@@ -239,7 +263,7 @@ int lan_fw_upgrade(uint32_t serial, const char *path, const char *name)
         vos_trace_error(MODULE, __LINE__, "No Modem %x for fw upgrade(%s), name:%s", serial,
                         file_name, name);
         remove_file(file_name);
-        remove_file(path);
+        consume(path, keep);
         return -1;
     }
     vos_trace_debug(MODULE, __LINE__, "Request fw upgrade of Modem %x (%s), name:%s, size:%d",

@@ -133,6 +133,22 @@ void report_state(ModemEntry *modem)
     modem->previous_state = modem->state;
 }
 
+// False when the table is full.
+bool enter_table(const ModemEntry *info)
+{
+    const VosMutexGuard guard(lan_state.lan_modem);
+    ModemEntry *slot = lan_slot_by_serial(info->serial_number);
+    if (slot != nullptr) {
+        refresh_slot(slot, info);
+    } else {
+        slot = register_modem(info);
+    }
+    if (slot != nullptr) {
+        report_state(slot);
+    }
+    return slot != nullptr;
+}
+
 // The four arrays follow each other, one element a receiver each; elements that did not arrive
 // read as 0.
 void read_stats(LanReader *reader, ModemStats *stats, uint32_t count)
@@ -239,18 +255,12 @@ int lan_handle_info(const coap_address_t *from, const uint8_t *payload, uint32_t
     }
     read_info(&reader, &info);
     trace_info(&info);
-
-    const VosMutexGuard guard(lan_state.lan_modem);
-    ModemEntry *slot = lan_slot_by_serial(info.serial_number);
-    if (slot != nullptr) {
-        refresh_slot(slot, &info);
-    } else {
-        slot = register_modem(&info);
-    }
-    if (slot == nullptr) {
+    if (!enter_table(&info)) {
         return -1;
     }
-    report_state(slot);
+    if (lan_state.watcher != nullptr) {
+        lan_state.watcher->info(info.serial_number, info.state);
+    }
     return 1;
 }
 
@@ -277,6 +287,9 @@ int lan_handle_fw_install(const coap_address_t *from, const uint8_t *payload, ui
     }
     vos_trace_debug(MODULE, __LINE__, "Firmware install (name:%s) of modem %x is %s ", name, serial,
                     result == FW_INSTALLED ? "OK" : "KO");
+    if (lan_state.watcher != nullptr) {
+        lan_state.watcher->install(serial, result == FW_INSTALLED);
+    }
     return 1;
 }
 

@@ -11,11 +11,12 @@ namespace
 constexpr char MODULE[] = "app_lan";
 constexpr uint32_t TX_TIME_SIZE = 6;
 
-uint32_t send_request(const ModemEntry *modem, LanRequest request, const uint8_t *payload,
+constexpr uint32_t SUCCESS_CLASS = 2;
+
+uint32_t send_request(const ModemEntry *modem, const LanRequest &request, const uint8_t *payload,
                       uint32_t length)
 {
-    return coap_client_send_request(&modem->address, LAN_COAP_PORT, request, payload,
-                                    static_cast<uint16_t>(length));
+    return lan_send_request(&modem->address, request, payload, length);
 }
 
 void count_tx_request()
@@ -59,12 +60,47 @@ uint8_t *new_payload(uint32_t header_size, uint32_t length)
         vos_mem_calloc(&payload, header_size + length);
     }
     if (payload == nullptr) {
+        ++lan_state.outcome.requests;
         vos_trace_error(MODULE, __LINE__, "No memory for a request of %u bytes", length);
     }
     return payload;
 }
 
 } // namespace
+
+void lan_begin_action(bool stop_at_failure)
+{
+    lan_state.outcome = {0, 0};
+    lan_state.stop_at_failure = stop_at_failure;
+}
+
+LanOutcome lan_get_outcome()
+{
+    return lan_state.outcome;
+}
+
+bool lan_is_action_over()
+{
+    return lan_state.stop_at_failure && lan_state.outcome.answered != lan_state.outcome.requests;
+}
+
+uint32_t lan_send_request(const coap_address_t *address, const LanRequest &request,
+                          const uint8_t *payload, uint32_t length)
+{
+    if (lan_is_action_over()) {
+        return 0;
+    }
+    const uint32_t code = coap_client_send_request(address, LAN_COAP_PORT, request, payload,
+                                                   static_cast<uint16_t>(length));
+    ++lan_state.outcome.requests;
+    lan_state.outcome.answered += code >> 5 == SUCCESS_CLASS ? 1 : 0;
+    return code;
+}
+
+uint32_t lan_request_info(const coap_address_t *address)
+{
+    return lan_send_request(address, LAN_INFO_REQ, nullptr, 0);
+}
 
 uint32_t lan_send_command(const ModemEntry *modem, uint32_t command)
 {

@@ -18,6 +18,9 @@ struct LanState {
     VosTask *itf_task;
     VosTask *modem_task;
     VosTask *rx_thread;
+    const LanWatcher *watcher; // null: nobody
+    LanOutcome outcome;        // these two belong to the thread that makes the requests
+    bool stop_at_failure;
 };
 
 extern LanState lan_state;
@@ -30,6 +33,13 @@ ModemEntry *lan_slot_by_addr(const coap_address_t *address);
 // Copies the slot with that serial number under lan_modem; false when there is none. A copy, so
 // that a request goes on with one address while an info refreshes the slot.
 bool lan_copy_modem(uint32_t serial, ModemEntry *copy);
+
+// Sends a request and accounts for it. The last response code, 0 also when it was left out.
+uint32_t lan_send_request(const coap_address_t *address, const LanRequest &request,
+                          const uint8_t *payload, uint32_t length);
+
+// Whether the requests to come are left out.
+bool lan_is_action_over();
 
 // lan_send_tx_msg, which tells whether the request was made: false, with a trace, without memory.
 bool lan_try_tx_msg(const ModemEntry *modem, uint32_t sec, uint16_t msec, uint32_t mode,

@@ -27,6 +27,15 @@ constexpr uint32_t REST_MEMORY = 8U * 1024;
 
 std::atomic<bool> had_backlog{false};
 
+// A message behind the others in a task's mailbox, which tells lan_drain that they are digested.
+constexpr uint32_t MSG_MARK = 100;
+constexpr uint32_t ITF_DRAINED = 1; // bits of drained
+constexpr uint32_t MODEM_DRAINED = 2;
+VosEventFlags *drained = nullptr; // made by lan_drain before it sends a mark
+
+std::atomic<bool> is_closed{false};
+std::atomic<uint32_t> posting{0}; // calls of lan_post_msg that are under way
+
 void free_msg(LanMsg *msg)
 {
     vos_mem_free(&msg->payload);
@@ -77,6 +86,9 @@ void dispatch_modem_msg(const LanMsg *msg)
     case LAN_MSG_PARAM:
         lan_handle_param(&msg->from, msg->payload, msg->length);
         break;
+    case MSG_MARK:
+        vos_event_set(drained, MODEM_DRAINED);
+        break;
     default:
         break;
     }
@@ -86,6 +98,8 @@ void dispatch_itf_msg(const LanMsg *msg)
 {
     if (msg->type == LAN_MSG_RX_FRAME) {
         lan_handle_rx_msg(&msg->from, msg->payload, msg->length);
+    } else if (msg->type == MSG_MARK) {
+        vos_event_set(drained, ITF_DRAINED);
     }
 }
 
@@ -108,25 +122,8 @@ uint32_t run_lan_task(VosTask *task, uint32_t wait, void (*dispatch)(const LanMs
     }
 }
 
-uint32_t run_server(VosTask * /*task*/, uintptr_t /*argument*/)
-{
-    coap_server_run();
-    return 0;
-}
-
-} // namespace
-
-uint32_t _lan_itf_task(VosTask *task, uintptr_t /*argument*/)
-{
-    return run_lan_task(task, ITF_TASK_WAIT, dispatch_itf_msg);
-}
-
-uint32_t _lan_modem_task(VosTask *task, uintptr_t /*argument*/)
-{
-    return run_lan_task(task, MODEM_TASK_WAIT, dispatch_modem_msg);
-}
-
-int lan_post_msg(uint32_t type, const coap_address_t *from, const uint8_t *payload, uint32_t length)
+// lan_post_msg, closed or not.
+int post_msg(uint32_t type, const coap_address_t *from, const uint8_t *payload, uint32_t length)
 {
     const uint32_t waiting = vos_mem_get_memsize();
     if (waiting > MAX_MEMORY) {
@@ -148,7 +145,76 @@ int lan_post_msg(uint32_t type, const coap_address_t *from, const uint8_t *paylo
     return 1;
 }
 
-int lan_start()
+// False when the mailbox is full, or memory is out.
+bool send_mark(VosTask *task)
+{
+    const coap_address_t nobody{};
+    LanMsg *mark = new_msg(MSG_MARK, &nobody, nullptr, 0);
+    void *sent = mark;
+    if (mark != nullptr && vos_mbx_send(task, &sent) != 1) {
+        free_msg(mark);
+        return false;
+    }
+    return mark != nullptr;
+}
+
+uint32_t run_server(VosTask * /*task*/, uintptr_t /*argument*/)
+{
+    coap_server_run();
+    return 0;
+}
+
+} // namespace
+
+uint32_t _lan_itf_task(VosTask *task, uintptr_t /*argument*/)
+{
+    return run_lan_task(task, ITF_TASK_WAIT, dispatch_itf_msg);
+}
+
+uint32_t _lan_modem_task(VosTask *task, uintptr_t /*argument*/)
+{
+    return run_lan_task(task, MODEM_TASK_WAIT, dispatch_modem_msg);
+}
+
+int lan_post_msg(uint32_t type, const coap_address_t *from, const uint8_t *payload, uint32_t length)
+{
+    ++posting;
+    const int posted = is_closed ? 0 : post_msg(type, from, payload, length);
+    --posting;
+    return posted;
+}
+
+void lan_close()
+{
+    is_closed = true;
+    while (posting != 0) {
+        vos_util_sleep(1);
+    }
+}
+
+void lan_drain()
+{
+    if (drained == nullptr) {
+        drained = vos_event_create("drained");
+    }
+    if (drained == nullptr) {
+        vos_trace_fatal(MODULE, __LINE__, "No memory to wait for the LAN tasks");
+    }
+    for (VosTask *task : {lan_state.itf_task, lan_state.modem_task}) {
+        while (!send_mark(task)) {
+            vos_util_sleep(1);
+        }
+    }
+    uint32_t bits = 0;
+    vos_event_wait(drained, 0, ITF_DRAINED | MODEM_DRAINED, &bits);
+}
+
+void lan_set_watcher(const LanWatcher *watcher)
+{
+    lan_state.watcher = watcher;
+}
+
+int lan_start_tasks()
 {
     lan_state.lan = vos_mutex_create("lan");
     lan_state.lan_modem = vos_mutex_create("lan_modem");
@@ -168,12 +234,21 @@ int lan_start()
         lan_state.modem_task = vos_task_start(_lan_modem_task, TASK_PRIORITY, "_lan_modem_task", 0,
                                               VOS_THREAD_STACK_SIZE);
     }
+    if (lan_state.itf_task == nullptr || lan_state.modem_task == nullptr) {
+        vos_trace_fatal(MODULE, __LINE__, "Can't start all of the LAN tasks");
+    }
+    return 1;
+}
+
+int lan_start()
+{
+    lan_start_tasks();
+    const VosMutexGuard guard(lan_state.lan);
     if (lan_state.rx_thread == nullptr) {
         lan_state.rx_thread = vos_task_start(run_server, TASK_PRIORITY, "lan_itf_rx_thread", 0,
                                              VOS_THREAD_STACK_SIZE);
     }
-    if (lan_state.itf_task == nullptr || lan_state.modem_task == nullptr ||
-        lan_state.rx_thread == nullptr) {
+    if (lan_state.rx_thread == nullptr) {
         vos_trace_fatal(MODULE, __LINE__, "Can't start all of the LAN tasks");
     }
     return 1;

@@ -1,5 +1,6 @@
 // wmbusctl: waits for a modem to announce itself, performs the one action of the command line
-// against it, then prints what the modems send until it is stopped.
+// against it, then prints what the modems send until it is stopped. With the long options it acts
+// on every modem, or on a chosen one, and ends with a result.
 
 #include <cerrno>
 #include <csignal>
@@ -10,12 +11,16 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include "app_action.h"
 #include "app_lan.h"
 #include "app_options.h"
-#include "lan_cursor.h"
+#include "app_reader.h"
+#include "app_watch.h"
+#include "coap_client.h"
+#include "coap_report.h"
+#include "coap_server.h"
 #include "vos_mem.h"
 #include "vos_trace.h"
-#include "vos_util.h"
 #include "vos_util_linux.h"
 
 namespace
@@ -23,9 +28,9 @@ namespace
 
 constexpr char MODULE[] = "app_main";
 constexpr int EXIT_OPTION_ERROR = -1; // 255 for the shell
+constexpr int EXIT_NOT_DONE = 2;
+constexpr int EXIT_NO_MODEM = 3;
 constexpr uint32_t MODEM_POLL_TICKS = 25;
-constexpr int32_t RX_MODE_N2_2400 = 16;
-constexpr uint8_t N2_2400_CHANNELS = 6;
 
 // A socket that took the number of a closed standard stream would get what is printed there.
 void open_standard_streams()
@@ -48,111 +53,107 @@ void ignore_output_signals()
     }
 }
 
-uint32_t wait_for_modem()
+bool asks_at_address(const AppOptions *options)
 {
-    uint32_t serial = 0;
+    return options->at.s_addr != INADDR_ANY;
+}
+
+void warn_of_other_listener()
+{
+    if (coap_server_is_port_taken()) {
+        vos_trace_warning(MODULE, __LINE__,
+                          "Another program listens on port %d as well: one takes from the other",
+                          LAN_COAP_PORT);
+    }
+}
+
+uint32_t wait_for_modem(const AppOptions *options)
+{
+    uint32_t serial = options->modem;
+    if (serial != 0) {
+        app_watch_wait_for_modem(&serial, 0);
+        return serial;
+    }
     while (lan_get_modem(&serial) != 1) {
         vos_util_sleep(MODEM_POLL_TICKS);
     }
     return serial;
 }
 
-bool refuse_long_name(const char *name)
+[[noreturn]] void act_on_all(const AppOptions *options)
 {
-    vos_trace_error(MODULE, __LINE__, "File name too long, at most %d characters : %s",
-                    static_cast<int>(APP_PATH_SIZE - 1), name);
-    return false;
-}
-
-// Resolves a name against the working directory; false, with a trace, when it does not fit.
-bool make_absolute(const char *name, char (*path)[APP_PATH_SIZE])
-{
-    int printed = 0;
-    if (name[0] == '/') {
-        printed = snprintf(*path, sizeof *path, "%s", name);
-    } else {
-        char *directory = getcwd(nullptr, APP_PATH_SIZE);
-        if (directory == nullptr && errno == ERANGE) {
-            return refuse_long_name(name);
-        }
-        if (directory == nullptr) {
-            vos_trace_error(MODULE, __LINE__, "Can't read the working directory : %s",
-                            strerror(errno));
-            return false;
-        }
-        printed = snprintf(*path, sizeof *path, "%s/%s", directory, name);
-        free(directory); // from getcwd, not a block of ours
-    }
-    const bool fits = printed >= 0 && static_cast<size_t>(printed) < sizeof *path;
-    return fits || refuse_long_name(name);
-}
-
-void upgrade_firmware(uint32_t serial, const AppOptions *options)
-{
-    char path[APP_PATH_SIZE];
-    if (make_absolute(options->fw_name, &path)) {
-        lan_fw_upgrade(serial, path, "manual");
-    }
-}
-
-void download_file(uint32_t serial, const AppOptions *options)
-{
-    char path[APP_PATH_SIZE];
-    if (make_absolute(options->download_name, &path)) {
-        lan_command(serial, LAN_COMMAND_RUN);
-        lan_download_file(serial, path, static_cast<uint32_t>(options->packet_size),
-                          static_cast<uint32_t>(options->inter_packet));
-    }
-}
-
-void configure_receivers(uint32_t serial, const AppOptions *options)
-{
-    uint8_t configuration[LAN_RX_MODE_CONFIG_SIZE] = {};
-    if (options->rx_mode == RX_MODE_N2_2400) {
-        LanWriter writer{configuration, sizeof configuration, false};
-        for (uint8_t channel = 0; channel < N2_2400_CHANNELS; ++channel) {
-            lan_write_u8(&writer, RX_MODE_N2_2400);
-            lan_write_u8(&writer, channel);
+    for (;;) {
+        const uint32_t serial = app_watch_take_due();
+        const bool done = app_perform_action(serial, options);
+        app_watch_end_action(serial, done);
+        if (!done) {
+            vos_trace_warning(MODULE, __LINE__,
+                              "Action on modem %x failed, tried again when it announces itself",
+                              serial);
         }
     }
-    lan_rx_mode_config(serial, configuration, sizeof configuration);
-    lan_command(serial, LAN_COMMAND_RUN);
 }
 
-void transmit_frame(uint32_t serial, const AppOptions *options)
+uint32_t wait_of(const AppOptions *options)
 {
-    lan_command(serial, LAN_COMMAND_RUN);
-    uint8_t frame[APP_PATH_SIZE];
-    vos_util_hexstr_to_bytes(frame, sizeof frame, options->tx_frame);
-    lan_tx_frame(serial, static_cast<uint32_t>(options->tx_sec),
-                 static_cast<uint16_t>(options->tx_msec), static_cast<uint32_t>(options->tx_mode),
-                 static_cast<uint8_t>(options->tx_channel), static_cast<uint32_t>(options->tx_type),
-                 static_cast<uint8_t>(options->tx_power), frame,
-                 static_cast<uint32_t>(strlen(options->tx_frame) / 2));
+    return options->wait != 0 ? options->wait : APP_DEFAULT_WAIT;
 }
 
-// One action a run: the first of these whose option was given.
-void perform_action(uint32_t serial, const AppOptions *options)
+// False with a trace, as for the next.
+bool is_installed(uint32_t serial, const AppOptions *options)
 {
-    vos_trace_info("Perform action on modem LAN:%x", serial);
-    if (options->fw_name != nullptr) {
-        upgrade_firmware(serial, options);
-    } else if (options->download_name != nullptr) {
-        download_file(serial, options);
-    } else if (options->rx_mode != 0) {
-        configure_receivers(serial, options);
-    } else if (options->tx_frame != nullptr) {
-        transmit_frame(serial, options);
-    } else if (options->command != -1) {
-        lan_command(serial, static_cast<uint32_t>(options->command));
-    } else if (options->set_param_id != 0) {
-        lan_set_param(serial, static_cast<uint16_t>(options->set_param_id), options->param_value,
-                      options->param_value_length);
-    } else if (options->get_param_id != 0) {
-        lan_get_param(serial, static_cast<uint16_t>(options->get_param_id));
-    } else {
-        vos_trace_info("No action requested");
+    const AppInstall report = app_watch_wait_for_install(serial, wait_of(options));
+    if (report == APP_INSTALL_NONE) {
+        vos_trace_error(MODULE, __LINE__, "No report of the installation within %u seconds",
+                        wait_of(options));
     }
+    return report == APP_INSTALL_OK;
+}
+
+int act_once(const AppOptions *options)
+{
+    uint32_t serial = options->modem;
+    if (!app_watch_wait_for_modem(&serial, wait_of(options))) {
+        vos_trace_error(MODULE, __LINE__, "No modem within %u seconds", wait_of(options));
+        return EXIT_NO_MODEM;
+    }
+    bool done = app_perform_action(serial, options);
+    if (done && app_choose_action(options) == APP_UPGRADE_FIRMWARE) {
+        done = is_installed(serial, options);
+    }
+    return done ? EXIT_SUCCESS : EXIT_NOT_DONE;
+}
+
+int act_at_address(const AppOptions *options)
+{
+    coap_address_t address;
+    coap_address_init(&address);
+    address.size = sizeof address.addr.sin;
+    address.addr.sin.sin_family = AF_INET;
+    address.addr.sin.sin_addr = options->at;
+
+    coap_client_limit_wait(wait_of(options));
+    const uint32_t code = lan_request_info(&address);
+    coap_client_limit_wait(UINT32_MAX);
+    lan_drain();
+    uint32_t serial = 0;
+    if (lan_get_modem(&serial) != 1) {
+        vos_trace_error(MODULE, __LINE__, "No modem has answered");
+        return code == 0 ? EXIT_NO_MODEM : EXIT_NOT_DONE;
+    }
+    if (options->modem != 0 && options->modem != serial) {
+        vos_trace_error(MODULE, __LINE__, "The modem is %x, not %x", serial, options->modem);
+        return EXIT_NOT_DONE;
+    }
+    return app_perform_action(serial, options) ? EXIT_SUCCESS : EXIT_NOT_DONE;
+}
+
+// All that was taken is printed; what comes now is refused, so that its sender knows.
+int finish(int status)
+{
+    lan_close();
+    lan_drain();
+    return status;
 }
 
 } // namespace
@@ -176,8 +177,27 @@ int main(int argc, char **argv)
 
     ignore_output_signals();
     vos_mem_init();
+    if (options.all || options.once) {
+        app_reader_watch();
+    }
+    if (options.all || options.once || options.modem != 0) {
+        coap_client_take_separate_answers();
+        app_watch_start();
+    }
+    if (asks_at_address(&options)) {
+        coap_report_start();
+        lan_start_tasks();
+        return finish(act_at_address(&options));
+    }
+    warn_of_other_listener();
     lan_start();
-    perform_action(wait_for_modem(), &options);
+    if (options.all) {
+        act_on_all(&options);
+    }
+    if (options.once) {
+        return finish(act_once(&options));
+    }
+    app_perform_action(wait_for_modem(&options), &options);
 
     select(0, nullptr, nullptr, nullptr, nullptr);
     vos_trace_fatal(MODULE, __LINE__, "Select 0 exit, CRITICAL error \"%s\" (%d) !!!!!\n",

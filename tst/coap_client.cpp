@@ -22,10 +22,20 @@ namespace
 constexpr char MODULE[] = "coap_client";
 constexpr size_t URI_PATH_ROOM = 40;
 constexpr size_t MESSAGE_HEADER_SIZE = 4; // not counted in the size of a PDU
-constexpr int64_t WAIT_MS = 20'000;
+constexpr int64_t WAIT_S = 20;
 constexpr uint32_t CODE_CONTENT = 69; // 2.05
 constexpr uint32_t FIRST_ERROR_CLASS = 4;
 constexpr uint32_t TCP_CLASS = 7;
+
+bool takes_separate_answers = false;
+int64_t wait_s = WAIT_S;
+
+// What became of a request so far.
+struct Exchange {
+    const LanRequest *request;
+    uint32_t code; // the last that came; 0: none
+    bool rejected;
+};
 
 // One option of the request under construction.
 struct CoapOption {
@@ -162,17 +172,11 @@ constexpr DataAnswer DATA_ANSWERS[] = {
     {LAN_CONFIG_GET_PARAM_REQ.name, LAN_MSG_PARAM},
 };
 
-void post_content(const coap_session_t *session, const coap_pdu_t *sent, const coap_pdu_t *received)
+void post_content(const coap_session_t *session, const LanRequest &request,
+                  const coap_pdu_t *received)
 {
-    coap_opt_iterator_t iterator;
-    const coap_opt_t *path = coap_check_option(sent, COAP_OPTION_URI_PATH, &iterator);
-    if (path == nullptr) {
-        return;
-    }
-    const std::string_view name(reinterpret_cast<const char *>(coap_opt_value(path)),
-                                coap_opt_length(path));
     for (const DataAnswer &answer : DATA_ANSWERS) {
-        if (name != answer.resource) {
+        if (request.name != answer.resource) {
             continue;
         }
         if (answer.type == LAN_MSG_INFO) {
@@ -207,7 +211,13 @@ void report_error_answer(uint32_t code, const coap_pdu_t *received)
     fwrite(line, 1, size, stderr);
 }
 
-// The library acknowledges a confirmable response by itself once this has returned.
+Exchange *exchange_of(const coap_session_t *session)
+{
+    return static_cast<Exchange *>(coap_get_app_data(coap_session_get_context(session)));
+}
+
+// The library acknowledges a confirmable response by itself once this has returned, or rejects it.
+// It knows the request (sent) only by the message id, which a separate answer has not.
 coap_response_t coap_client_response_handler(coap_session_t *session, const coap_pdu_t *sent,
                                              const coap_pdu_t *received, coap_mid_t /*id*/)
 {
@@ -221,14 +231,26 @@ coap_response_t coap_client_response_handler(coap_session_t *session, const coap
     if (code == 0 || (acknowledgement && sent == nullptr)) {
         return COAP_RESPONSE_OK; // acknowledges another message than ours
     }
-    auto *last_code = static_cast<uint32_t *>(coap_get_app_data(coap_session_get_context(session)));
-    *last_code = code;
-    if (code == CODE_CONTENT && sent != nullptr) {
-        post_content(session, sent, received);
+    const bool separate = sent == nullptr && takes_separate_answers;
+    if (separate && coap_pdu_get_token(received).length != 0) {
+        return COAP_RESPONSE_FAIL; // our requests have no token
+    }
+    Exchange *exchange = exchange_of(session);
+    exchange->code = code;
+    if (code == CODE_CONTENT && (sent != nullptr || separate)) {
+        post_content(session, *exchange->request, received);
     } else if (code_class(code) >= FIRST_ERROR_CLASS) {
         report_error_answer(code, received);
     }
     return COAP_RESPONSE_OK;
+}
+
+void coap_client_nack_handler(coap_session_t *session, const coap_pdu_t *sent,
+                              coap_nack_reason_t reason, coap_mid_t /*id*/)
+{
+    if (sent != nullptr && reason != COAP_NACK_ICMP_ISSUE) {
+        exchange_of(session)->rejected = true;
+    }
 }
 
 // Milliseconds that no setting of the gateway's clock moves.
@@ -288,15 +310,23 @@ void wait_for_event(coap_context_t *context, int descriptor, int64_t timeout_ms)
     }
 }
 
-// Runs the exchange until nothing is pending or the time is over.
+// An empty acknowledgement leaves nothing pending, and no answer.
+bool is_over(coap_context_t *context)
+{
+    const auto *exchange = static_cast<const Exchange *>(coap_get_app_data(context));
+    const bool ended = !takes_separate_answers || exchange->code != 0 || exchange->rejected;
+    return ended && coap_can_exit(context) != 0;
+}
+
+// Runs the exchange until it is over or its time is.
 void wait_for_exchange(coap_context_t *context, int descriptor)
 {
-    const int64_t deadline = monotonic_ms() + WAIT_MS;
-    coap_log(COAP_LOG_DEBUG, "timeout is set to %d seconds\n", static_cast<int>(WAIT_MS / 1000));
+    const int64_t deadline = monotonic_ms() + wait_s * 1000;
+    coap_log(COAP_LOG_DEBUG, "timeout is set to %d seconds\n", static_cast<int>(wait_s));
     coap_tick_t ticks = 0;
     coap_ticks(&ticks);
     coap_io_prepare_epoll(context, ticks); // sets the library's timer
-    while (coap_can_exit(context) == 0) {
+    while (!is_over(context)) {
         const int64_t now = monotonic_ms();
         if (now >= deadline) {
             coap_log(COAP_LOG_INFO, "timeout\n");
@@ -357,13 +387,26 @@ uint32_t coap_client_send_request(const coap_address_t *destination, uint16_t po
         coap_log(COAP_LOG_EMERG, "cannot create context\n");
         return 0;
     }
-    uint32_t last_code = 0;
-    coap_set_app_data(context, &last_code);
+    Exchange exchange{&request, 0, false};
+    coap_set_app_data(context, &exchange);
     coap_register_response_handler(context, coap_client_response_handler);
+    if (takes_separate_answers) {
+        coap_register_nack_handler(context, coap_client_nack_handler);
+    }
     if (run_exchange(context, &remote, port, request, payload, payload_length)) {
-        vos_trace_debug(MODULE, __LINE__, "COAP RES:%d.%02d", code_class(last_code),
-                        code_detail(last_code));
+        vos_trace_debug(MODULE, __LINE__, "COAP RES:%d.%02d", code_class(exchange.code),
+                        code_detail(exchange.code));
     }
     coap_free_context(context);
-    return last_code;
+    return exchange.code;
+}
+
+void coap_client_take_separate_answers()
+{
+    takes_separate_answers = true;
+}
+
+void coap_client_limit_wait(uint32_t seconds)
+{
+    wait_s = std::min<int64_t>(WAIT_S, seconds);
 }

@@ -76,4 +76,5 @@ void coap_report_start()
         }
     }
     coap_set_log_handler(report);
+    coap_set_log_level(COAP_LOG_WARN);
 }

@@ -30,6 +30,7 @@ constexpr char LISTEN_SERVICE[] = "5683";
 constexpr int MAX_DESCRIPTORS = 65536; // far more than this process has
 constexpr char MULTICAST_GROUP[] = "224.1.2.3";
 constexpr char MULTICAST_INTERFACE[] = "eth0";
+constexpr char UNUSED_ADDRESS[] = "127.255.255.254";
 constexpr int TURN_MS = 2000;
 constexpr int MAX_EVENTS = 8;
 constexpr size_t MAX_ADDRESS_SIZE = 128;
@@ -272,6 +273,23 @@ int coap_server_get_ipv4_addr(const char *interface, char *text)
     return result;
 }
 
+bool coap_server_is_port_taken()
+{
+    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) {
+        return false;
+    }
+    sockaddr_in nobodys{};
+    nobodys.sin_family = AF_INET;
+    nobodys.sin_port = htons(LAN_COAP_PORT);
+    nobodys.sin_addr.s_addr = inet_addr(UNUSED_ADDRESS);
+    const bool taken =
+        bind(descriptor, reinterpret_cast<const sockaddr *>(&nobodys), sizeof nobodys) != 0 &&
+        errno == EADDRINUSE;
+    close(descriptor);
+    return taken;
+}
+
 int coap_server_find_socket(coap_context_t *context, uint16_t port)
 {
     // The library opens its own descriptor and a timer before a socket.
@@ -288,7 +306,6 @@ int coap_server_find_socket(coap_context_t *context, uint16_t port)
 int coap_server_run()
 {
     coap_report_start();
-    coap_set_log_level(COAP_LOG_WARN);
     coap_context_t *context = coap_server_get_context(LISTEN_HOST, LISTEN_SERVICE);
     vos_trace_info("Start CoAP server on %s:%s", LISTEN_HOST, LISTEN_SERVICE);
     if (context == nullptr) {

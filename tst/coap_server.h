@@ -17,6 +17,10 @@ constexpr uint32_t COAP_SERVER_IPV4_TEXT_SIZE = 16;
 // output once it serves. 0 after a stop, -1 when the port could not be had.
 int coap_server_run();
 
+// Whether a socket listens on port 5683 of all addresses already; the server can be started all the
+// same, but the two would take each other's datagrams. One on an address of its own does not count.
+bool coap_server_is_port_taken();
+
 // Ends the loop at the end of its current turn, within 2 seconds. Any thread. Always 0.
 int coap_server_stop();
 

@@ -197,6 +197,55 @@ TEST_F(Firmware, ThatCanNotBePlacedIsNotAnnounced)
     }
 }
 
+TEST_F(Firmware, IsKeptAndItsInstallationWaitedFor)
+{
+    const struct {
+        std::string arguments, path;
+        std::size_t size;
+        Bytes report; // none when empty
+        int status;
+        std::string printed;
+        bool stays = true, placed = false;
+    } cases[] = {
+        {"--once --keep", "/tmp/fw", 10, "\1", 0, "of modem a1b2c3 is OK \n"},
+        {"--once", "/tmp/fw", 10, "\2", 2, "of modem a1b2c3 is KO \n", false},
+        {"--once --keep --wait=1", "/tmp/fw", 10, "", 2,
+         "ERROR:app_main:No report of the installation within 1 seconds\n", true, true},
+        {"--keep --at " + address(1), "/tmp/fw", 10, "", 0, RESULT + "2.04\n", true, true},
+        {"--keep --once", "/tmp/fw", 0, "", 2, "ERROR:app_lan:Empty firmware for upgrade"},
+        {"--keep --once", "/tmp/fw", 2'000'000, "", 2,
+         "ERROR:app_lan:Can not copy fw file /tmp/fw to " + PLACED + "\n"},
+        {"--keep --once", PLACED, 10, "", 2,
+         "ERROR:app_lan:Can't keep " + PLACED + " : it is the file in place\n", true, true},
+    };
+    for (const auto &[arguments, path, size, report, status, printed, stays, placed] : cases) {
+        SCOPED_TRACE(arguments + printed);
+        fs::remove_all("/var/ftp");
+        fs::create_directory("/var/ftp");
+        std::ofstream(path) << std::string(size, 'f');
+        Peer modem, voice(1, 5684);
+        Process tool(text("%s -u %s", arguments.c_str(), path.c_str()));
+        if (arguments.find("--at") != std::string::npos) {
+            modem.reply(encode(ACK, CONTENT, modem.expect_request("GET info_req"), "", "", info()));
+        } else {
+            tool.register_modem(voice, 5684);
+        }
+        if (printed.find("app_lan:") == std::string::npos) {
+            const std::string request = "POST firmware_upgrade_req " + hex(little_endian(size, 4)) +
+                                        "6 0 61 31 62 32 63 33 0";
+            modem.reply(encode(ACK, CHANGED, modem.expect_request(request)));
+        }
+        if (!report.empty()) {
+            voice.report("firmware_install_ind", report);
+        }
+        std::string all;
+        EXPECT_EQ(tool.exit_status(all), status);
+        EXPECT_NE(all.find(printed), std::string::npos) << all;
+        EXPECT_EQ(content_of(path), stays ? std::string(size, 'f') : "-");
+        EXPECT_EQ(content_of(PLACED), placed ? std::string(size, 'f') : "-");
+    }
+}
+
 TEST_F(Files, DownloadSendsPacketsWithPauses)
 {
     const std::string path = directory + "/upd.bin";

@@ -338,9 +338,9 @@ std::string Process::skip_to(const std::string &wanted, milliseconds patience)
     return skipped;
 }
 
-void Process::register_modem(Peer &modem, unsigned port)
+void Process::register_modem(Peer &modem, unsigned port, const std::string &before)
 {
-    expect("INFO:Start CoAP server on 0.0.0.0:5683\n");
+    expect(before + "INFO:Start CoAP server on 0.0.0.0:5683\n");
     modem.report("info_ind", info());
     expect(register_lines(SERIAL, 1, port));
     expect("INFO:Perform action on modem LAN:a1b2c3\n");
@@ -362,6 +362,15 @@ int Process::exit_status()
         pid_ = -1;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : status;
+}
+
+int Process::exit_status(std::string &printed)
+{
+    const int status = exit_status();
+    const std::lock_guard guard(lock_);
+    printed = output_.substr(next_);
+    next_ = output_.size();
+    return status;
 }
 
 std::string Process::proc_file(const char *name) const

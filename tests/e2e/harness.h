@@ -79,11 +79,14 @@ public:
     void expect(const std::string &next, milliseconds patience = PATIENCE);
     // Leaves everything up to the text aside and returns it.
     std::string skip_to(const std::string &wanted, milliseconds patience = PATIENCE);
-    void register_modem(Peer &modem, unsigned port = 5683); // from the start up to the action
+    // From the start up to the action.
+    void register_modem(Peer &modem, unsigned port = 5683, const std::string &before = "");
     void expect_errors(const std::string &all) { expected_errors_ = all; }
     void ignore_rest() { strict_ = false; }
     void pause_reading(bool pause);
     int exit_status(); // waits for the program to end by itself
+    // The same, with all that it has printed since.
+    int exit_status(std::string &printed);
     std::string errors() const { return content_of("/proc/self/fd/" + std::to_string(errors_)); }
     std::string proc_file(const char *name) const;
 
@@ -105,9 +108,9 @@ private:
 struct Idle {
     Peer modem;
     Process tool{""};
-    Idle()
+    explicit Idle(const std::string &before = "")
     {
-        tool.register_modem(modem);
+        tool.register_modem(modem, 5683, before);
         tool.expect("INFO:No action requested\n");
     }
 };

@@ -31,6 +31,11 @@ struct Inherited {
 };
 
 struct Report : testing::Test, Inherited, Idle {
+    Report()
+        : Idle("WARNING:app_main:Another program listens on port 5683 as well: one takes from the "
+               "other\n")
+    {
+    }
 };
 
 TEST_F(Report, PrintsExactLines)

@@ -58,7 +58,7 @@ TEST(Lan, FirmwareForAnUnknownModemIsRemovedAgain)
         GTEST_SKIP() << "no mount namespace to be had";
     }
     std::ofstream("/var/fw") << "firmware";
-    EXPECT_EQ(lines_of([] { EXPECT_EQ(lan_fw_upgrade(9, "/var/fw", "name"), -1); }),
+    EXPECT_EQ(lines_of([] { EXPECT_EQ(lan_fw_upgrade(9, "/var/fw", "name", false), -1); }),
               "DEBUG:app_lan:Request fw upgrade of Modem 9 (/var/fw)|"
               "ERROR:app_lan:No Modem 9 for fw upgrade(9), name:name|");
     EXPECT_EQ(content_of("/var/fw") + content_of("/var/ftp/9"), "--");

@@ -119,7 +119,7 @@ TEST_F(Client, MessagesAreAsDocumentedAndDissected)
         {"tx_msg_req", [&] { lan_tx_frame(serial, 1, 2, 16, 2, 0, 27, abc, 2); }},
         {"config_set_param_req", [&] { lan_set_param(serial, 257, value.data(), 2); }},
         {"config_get_param_req", [&] { lan_get_param(serial, 257); }},
-        {"firmware_upgrade_req", [&] { lan_fw_upgrade(serial, "/var/fw", "manual"); }},
+        {"firmware_upgrade_req", [&] { lan_fw_upgrade(serial, "/var/fw", "manual", false); }},
         {"statistics_req", [] { lan_request_statistics(7); }},
         {"log_req", [&] { EXPECT_EQ(lan_request_log(modem), 68U); }},
         {"tx_msg_ext_req", [&] { lan_send_tx_msg_ext(modem, &ext, abc, 3, abc, 1); }}};
