@@ -223,8 +223,10 @@ uint32_t place_firmware(const char *path, const char *placed, const char *name, 
     if (result != VOS_FS_OK) {
         vos_trace_error(MODULE, __LINE__, "Can not %s fw file %s to %s", keep ? "copy" : "move",
                         path, placed);
-        if (!keep && is_consumed(path)) {
-            unlink(path); // one that can't be removed stays where it is, as that line says
+        if (type_of(placed) != S_IFREG) {
+            consume(path, keep);
+        } else if (!keep && is_consumed(path)) {
+            unlink(path); // if that is what failed, it has been told
         }
         return 0;
     }

@@ -23,6 +23,7 @@ constexpr char MODULE[] = "coap_client";
 constexpr size_t URI_PATH_ROOM = 40;
 constexpr size_t MESSAGE_HEADER_SIZE = 4; // not counted in the size of a PDU
 constexpr int64_t WAIT_S = 20;
+constexpr int64_t TURN_MS = 2000;
 constexpr uint32_t CODE_CONTENT = 69; // 2.05
 constexpr uint32_t FIRST_ERROR_CLASS = 4;
 constexpr uint32_t TCP_CLASS = 7;
@@ -287,25 +288,30 @@ bool has_message(int descriptor)
     return size >= 0;
 }
 
-// Waits at most that long for the library's timer or for the socket, and has the library do what
-// is due.
+// Waits at most that long, and a turn, for the library's timer or for the socket, and has the
+// library do what is due. After a turn without either it looks by itself: a datagram that is read
+// in the moment in which a repetition falls due has it switch its timer off.
 void wait_for_event(coap_context_t *context, int descriptor, int64_t timeout_ms)
 {
+    const auto turn_ms = static_cast<int>(std::min(timeout_ms, TURN_MS));
     epoll_event event{};
-    const int ready =
-        epoll_wait(coap_context_get_coap_fd(context), &event, 1, static_cast<int>(timeout_ms));
-    if (ready < 0 && errno != EINTR) {
-        perror("select");
-        vos_util_sleep(1); // an error that stays must not spin
-    }
-    if (ready <= 0) {
+    const int ready = epoll_wait(coap_context_get_coap_fd(context), &event, 1, turn_ms);
+    if (ready < 0) {
+        if (errno != EINTR) {
+            perror("select");
+            vos_util_sleep(1); // an error that stays must not spin
+        }
         return;
     }
-    const bool is_timer = event.data.ptr == nullptr;
-    if (is_timer) {
+    const bool is_socket = ready > 0 && event.data.ptr != nullptr;
+    if (!is_socket) {
         discard_socket_error(descriptor);
     }
-    if (is_timer || has_message(descriptor)) {
+    if (ready == 0) {
+        coap_tick_t now = 0;
+        coap_ticks(&now);
+        coap_io_prepare_epoll(context, now);
+    } else if (!is_socket || has_message(descriptor)) {
         coap_io_do_epoll(context, &event, 1);
     }
 }
@@ -323,9 +329,6 @@ void wait_for_exchange(coap_context_t *context, int descriptor)
 {
     const int64_t deadline = monotonic_ms() + wait_s * 1000;
     coap_log(COAP_LOG_DEBUG, "timeout is set to %d seconds\n", static_cast<int>(wait_s));
-    coap_tick_t ticks = 0;
-    coap_ticks(&ticks);
-    coap_io_prepare_epoll(context, ticks); // sets the library's timer
     while (!is_over(context)) {
         const int64_t now = monotonic_ms();
         if (now >= deadline) {
