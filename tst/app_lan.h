@@ -85,6 +85,10 @@ int lan_start();
 // The same without the server: nothing is heard but the answers to requests.
 int lan_start_tasks();
 
+// Before lan_start: has a server that can't be started end the process, with a FATAL line. Without
+// it the tool goes on, deaf.
+void lan_require_server();
+
 // Before lan_start; the watcher stays the caller's.
 void lan_set_watcher(const LanWatcher *watcher);
 
@@ -216,10 +220,11 @@ uint32_t lan_get_tx_count();
 // Moves the firmware file at path (absolute) to the firmware directory, under the modem's serial
 // number, and tells the modem its size; name is kept with the modem for the report of the outcome.
 // The file given is consumed: it is moved, or removed when the upgrade can't be done. The image of
-// an earlier upgrade is replaced; before a copy from another file system it is removed, once the
-// file given is found to be readable. Changes the current directory of the process to the firmware
-// directory. With keep the file given is copied instead, and stays whatever happens; it must not be
-// the one in the place. 1 when the modem was asked (whatever it answered), -1 with an ERROR line.
+// an earlier upgrade is replaced; before a copy (from another file system, or with keep) it is
+// removed, once the file given is found to be readable. Changes the current directory of the
+// process to the firmware directory. With keep the file given is copied instead, and stays whatever
+// happens; it must not be the one in the place. 1 when the modem was asked (whatever it answered),
+// -1 with an ERROR line.
 int lan_fw_upgrade(uint32_t serial, const char *path, const char *name, bool keep);
 
 // Sends the file at path in packets of packet_size bytes, each as a radio frame to transmit, with

@@ -27,6 +27,8 @@ constexpr uint32_t REST_MEMORY = 8U * 1024;
 
 std::atomic<bool> had_backlog{false};
 
+bool requires_server = false;
+
 // A message behind the others in a task's mailbox, which tells lan_drain that they are digested.
 constexpr uint32_t MSG_MARK = 100;
 constexpr uint32_t ITF_DRAINED = 1; // bits of drained
@@ -160,7 +162,9 @@ bool send_mark(VosTask *task)
 
 uint32_t run_server(VosTask * /*task*/, uintptr_t /*argument*/)
 {
-    coap_server_run();
+    if (coap_server_run() != 0 && requires_server) {
+        vos_trace_fatal(MODULE, __LINE__, "Can't listen on port %d", LAN_COAP_PORT);
+    }
     return 0;
 }
 
@@ -238,6 +242,11 @@ int lan_start_tasks()
         vos_trace_fatal(MODULE, __LINE__, "Can't start all of the LAN tasks");
     }
     return 1;
+}
+
+void lan_require_server()
+{
+    requires_server = true;
 }
 
 int lan_start()

@@ -138,8 +138,12 @@ int act_at_address(const AppOptions *options)
     lan_drain();
     uint32_t serial = 0;
     if (lan_get_modem(&serial) != 1) {
-        vos_trace_error(MODULE, __LINE__, "No modem has answered");
-        return code == 0 ? EXIT_NO_MODEM : EXIT_NOT_DONE;
+        if (code == 0) {
+            vos_trace_error(MODULE, __LINE__, "No modem has answered");
+            return EXIT_NO_MODEM;
+        }
+        vos_trace_error(MODULE, __LINE__, "What has answered is no modem");
+        return EXIT_NOT_DONE;
     }
     if (options->modem != 0 && options->modem != serial) {
         vos_trace_error(MODULE, __LINE__, "The modem is %x, not %x", serial, options->modem);
@@ -179,6 +183,7 @@ int main(int argc, char **argv)
     vos_mem_init();
     if (options.all || options.once) {
         app_reader_watch();
+        lan_require_server();
     }
     if (options.all || options.once || options.modem != 0) {
         coap_client_take_separate_answers();

@@ -23,7 +23,7 @@ uint32_t coap_client_send_request(const coap_address_t *destination, uint16_t po
 
 // From here on an empty acknowledgement does not end an exchange: it goes on, within its time,
 // until a response of its own comes (confirmable ones are acknowledged), whose data is posted as
-// well, or a reset. The thread that makes the requests, as the next.
+// well. The thread that makes the requests, as the next.
 void coap_client_take_separate_answers();
 
 // Gives the exchanges to come less time: so many seconds, where that is less than 20.

@@ -18,6 +18,7 @@
 #include "app_lan.h"
 #include "coap_release.h"
 #include "coap_report.h"
+#include "vos_fs.h"
 #include "vos_trace.h"
 #include "vos_util_linux.h"
 
@@ -30,7 +31,6 @@ constexpr char LISTEN_SERVICE[] = "5683";
 constexpr int MAX_DESCRIPTORS = 65536; // far more than this process has
 constexpr char MULTICAST_GROUP[] = "224.1.2.3";
 constexpr char MULTICAST_INTERFACE[] = "eth0";
-constexpr char UNUSED_ADDRESS[] = "127.255.255.254";
 constexpr int TURN_MS = 2000;
 constexpr int MAX_EVENTS = 8;
 constexpr size_t MAX_ADDRESS_SIZE = 128;
@@ -154,6 +154,21 @@ void join_multicast_group(int descriptor)
     }
 }
 
+// Whether the system's table of sockets has one on the server's port of that address.
+bool has_listener(const char *table, const char *address)
+{
+    char wanted[48];
+    snprintf(wanted, sizeof wanted, ": %s:%04X ", address, unsigned{LAN_COAP_PORT});
+    FILE *sockets = vos_fs_fopen(table, "r");
+    char line[256];
+    bool found = false;
+    while (sockets != nullptr && !found && fgets(line, sizeof line, sockets) != nullptr) {
+        found = strstr(line, wanted) != nullptr;
+    }
+    vos_fs_fclose(&sockets);
+    return found;
+}
+
 bool is_bound_to(int descriptor, uint16_t port)
 {
     sockaddr_in address{};
@@ -273,21 +288,11 @@ int coap_server_get_ipv4_addr(const char *interface, char *text)
     return result;
 }
 
+// Nothing is bound to find out: another tool that starts in that moment would not get its port.
 bool coap_server_is_port_taken()
 {
-    const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (descriptor < 0) {
-        return false;
-    }
-    sockaddr_in nobodys{};
-    nobodys.sin_family = AF_INET;
-    nobodys.sin_port = htons(LAN_COAP_PORT);
-    nobodys.sin_addr.s_addr = inet_addr(UNUSED_ADDRESS);
-    const bool taken =
-        bind(descriptor, reinterpret_cast<const sockaddr *>(&nobodys), sizeof nobodys) != 0 &&
-        errno == EADDRINUSE;
-    close(descriptor);
-    return taken;
+    return has_listener("/proc/self/net/udp", "00000000") ||
+           has_listener("/proc/self/net/udp6", "00000000000000000000000000000000");
 }
 
 int coap_server_find_socket(coap_context_t *context, uint16_t port)

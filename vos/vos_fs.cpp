@@ -1,6 +1,7 @@
 #include "vos_fs.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -170,11 +171,15 @@ template<typename Call> int under_unique_name(NewFile *file, Call call)
 // for it would be to set it, for the files of other threads, too.
 mode_t creation_mask()
 {
-    unsigned mask = S_IWGRP | S_IWOTH;
+    constexpr char NAME[] = "Umask:";
+    mode_t mask = S_IWGRP | S_IWOTH;
     FILE *status = vos_fs_fopen("/proc/self/status", "r");
     char line[256];
-    while (status != nullptr && fgets(line, sizeof line, status) != nullptr &&
-           sscanf(line, "Umask: %o", &mask) != 1) {
+    while (status != nullptr && fgets(line, sizeof line, status) != nullptr) {
+        if (strncmp(line, NAME, sizeof NAME - 1) == 0) {
+            mask = static_cast<mode_t>(strtoul(line + sizeof NAME - 1, nullptr, 8));
+            break;
+        }
     }
     vos_fs_fclose(&status);
     return mask;

@@ -59,12 +59,13 @@ int shifted_clock_gettime(clockid_t clock, timespec *out)
     return result;
 }
 
-// The C library waits by the system's own clock.
+// The C library waits by the system's own clock. A deadline of few seconds is one since the start.
 int shifted_timedwait(pthread_cond_t *condition, pthread_mutex_t *mutex, const timespec *end)
 {
     const auto call = real<int (*)(pthread_cond_t *, pthread_mutex_t *, const timespec *)>(
         WIDE("pthread_cond_timedwait"));
-    const timespec shifted = {end->tv_sec - offset, end->tv_nsec};
+    constexpr time_t FIRST_DATE = 1'000'000'000;
+    const timespec shifted = {end->tv_sec - (end->tv_sec < FIRST_DATE ? 0 : offset), end->tv_nsec};
     return call(condition, mutex, &shifted);
 }
 
