@@ -110,8 +110,8 @@ TEST(At, ActsBesideARunningToolWhichHearsEverything)
         {"-g 101 --modem a1b2c4", CONTENT, 2, info(),
          "ERROR:app_main:The modem is a1b2c3, not a1b2c4\n"},
         {"", CONTENT, 0, info(), "INFO:No action requested\n"},
-        {"-g 101", CONTENT, 2, "short", "ERROR:app_main:No modem has answered\n"},
-        {"-g 101", NOT_FOUND, 2, "", "ERROR:app_main:No modem has answered\n", "4.04\n"},
+        {"-g 101", CONTENT, 2, "short", "ERROR:app_main:What has answered is no modem\n"},
+        {"-g 101", NOT_FOUND, 2, "", "ERROR:app_main:What has answered is no modem\n", "4.04\n"},
     };
     std::uint32_t number = 0;
     for (const auto &[arguments, code, status, payload, printed, errors] : cases) {
