@@ -109,20 +109,25 @@ TEST_F(Firmware, IsRenamedOnOneFileSystemAndRemovedWhenItFails)
 
 TEST_F(Firmware, ThatALinkNamesIsCopiedAndTheLinkGoes)
 {
-    const std::string links[][3] = {{"/var/link", "fw", copy_line("/var/fw")},
+    const std::string links[][4] = {{"/var/link", "fw", copy_line("/var/fw")},
                                     {"/tmp/link", "/var/fw", copy_lines("/tmp/link")},
                                     {"/tmp/link", PLACED, ""},
                                     {"/var/link", PLACED, ""},
                                     {PLACED, "/var/fw", copy_line("/var/fw")},
+                                    {"/tmp/link", PLACED, copy_line("/var/fw"), "/var/fw"},
                                     {"/var/hard", "", ""}, // names of the file in place
                                     {"/tmp/ftp/a1b2c3", "", ""}};
     fs::create_directory("/var/ftp");
     fs::create_directory("/tmp/ftp");
     ASSERT_EQ(mount("/var/ftp", "/tmp/ftp", nullptr, MS_BIND, nullptr), 0);
     ASSERT_EQ(mkfifo(PLACED.c_str(), 0600), 0); // the first copy must not wait for its reader
-    for (const auto &[link, file, moving] : links) {
-        SCOPED_TRACE(link + file);
+    for (const auto &[link, file, moving, in_place] : links) {
+        SCOPED_TRACE(link + file + in_place);
         std::ofstream("/var/fw") << "new";
+        if (!in_place.empty()) {
+            fs::remove(PLACED);
+            fs::create_symlink(in_place, PLACED);
+        }
         if (!file.empty()) {
             fs::remove(link);
             fs::create_symlink(file, link);
@@ -169,10 +174,17 @@ TEST_F(Firmware, ThatCanNotBePlacedIsNotAnnounced)
          copy_lines("/tmp/busy") +
              "ERROR:vos_fs:Can't remove source file \"/tmp/busy\" : Device or resource busy\n",
          "Can not move fw file /tmp/busy to /var/ftp/a1b2c3", "", "/tmp/busy", "firmware"},
+        {"/var/busy", 600'000, // neither renamed, though on the same file system, nor copied
+         "DEBUG:vos_fs:Can't move file from \"/var/busy\" to \"" + PLACED +
+             "\" : Device or resource busy\n" + copy_line("/var/busy") +
+             "ERROR:vos_fs:Can't write dest file \"" + PLACED + "\" : No space left on device\n",
+         "Can not move fw file /var/busy to /var/ftp/a1b2c3", "", "/var/busy"},
     };
     ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
-    std::ofstream("/tmp/busy") << "firmware"; // stays where it is: another mount holds it
-    ASSERT_EQ(mount("/tmp/busy", "/tmp/busy", nullptr, MS_BIND, nullptr), 0);
+    for (const char *busy : {"/tmp/busy", "/var/busy"}) {
+        std::ofstream(busy) << "firmware"; // stays where it is: another mount holds it
+        ASSERT_EQ(mount(busy, busy, nullptr, MS_BIND, nullptr), 0);
+    }
     for (const auto &[path, size, failure, error, obstacle, stays, placed] : cases) {
         SCOPED_TRACE(path + failure);
         fs::remove_all("/var/ftp");

@@ -20,8 +20,10 @@ TEST(System, RunsTheCommandCleanly)
     const int inherited = dup2(STDERR_FILENO, 99);
     const auto numbers = {SIGINT, SIGHUP, SIGQUIT, SIGABRT, SIGTERM, SIGTSTP};
     std::ranges::for_each(numbers, [](int number) { signal(number, SIG_IGN); });
+    signal(SIGPIPE, SIG_DFL); // who started this may ignore it
     const std::string lines = lines_of([] {
         vos_util_system("ls /proc/self/fd > fds; grep SigIgn /proc/$$/status > signals; "
+                        "until grep SigIgn:.*6$ /proc/$PPID/status; do :; done >> signals;"
                         "awk '/PPid/ {print $2}' /proc/$PPID/status > parent; exit 3");
         vos_util_system(nullptr);
     });
@@ -29,7 +31,7 @@ TEST(System, RunsTheCommandCleanly)
     EXPECT_TRUE(lines.starts_with("INFO:wait end of system call(")) << lines;
     EXPECT_TRUE(lines.ends_with("exit 3\"|") && lines.find('|') == lines.size() - 1) << lines;
     EXPECT_EQ(content_of("fds").find("99"), std::string::npos) << inherited;
-    EXPECT_EQ(content_of("signals"), "SigIgn:\t0000000000000000\n");
+    EXPECT_EQ(content_of("signals"), "SigIgn:\t0000000000000000\nSigIgn:\t0000000000000006\n");
     EXPECT_EQ(content_of("parent"), std::to_string(getpid()) + "\n") << "a shell of its own below";
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left";
 }
