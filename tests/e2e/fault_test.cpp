@@ -54,7 +54,7 @@ struct Fault : testing::Test {
         setenv("FAULT", (fault + ' ' + from).c_str(), 1);
         fs::create_directory("/var/ftp");
         fs::remove(PLACED);
-        fault.starts_with("rename") ? fs::create_symlink("/tmp/old", PLACED) : void();
+        fault.starts_with("rename") ? fs::create_symlink("/dev/full", PLACED) : void();
         std::ofstream(PLACED) << "earlier";
         std::ofstream("/tmp/fw") << std::string(128, 'f');
         unknown = true;
@@ -154,7 +154,7 @@ TEST_F(Fault, OfACallIsToldOrOvercome)
         {"fread 1 1 0", "-u /tmp/fw", lost},
         {"fsync 1 1 22", "-u /tmp/fw", done},
         {"fsync 1 1 5", "-u /tmp/fw", lost},
-        {"rename 1 2 1", "-u /tmp/fw", done},    // the copy replaces the earlier image
+        {"rename 1 2 1", "-u /tmp/fw", done},    // the copy replaces the link
         {"openat64 1 1 95", "-u /tmp/fw", done}, // no files without a name
         {"openat64 1 2 95", "-u /tmp/fw", lost},
         {"linkat 1 1 17", "-u /tmp/fw", done}, // somebody else took the name
@@ -167,7 +167,6 @@ TEST_F(Fault, OfACallIsToldOrOvercome)
         EXPECT_EQ(std::distance(fs::directory_iterator("/var/ftp"), {}), printed != lost)
             << fault << all;
     }
-    EXPECT_EQ(content_of("/tmp/old"), "earlier") << "was written through the link";
     for (const std::string call : {"clock_gettime", "recvmsg", "getifaddrs"}) {
         EXPECT_EQ(system(("nm -D --defined-only " WMBUSCTL_TOOL " | grep -qw " + call).c_str()), 0)
             << "the tool does not take the place of " << call;

@@ -39,19 +39,14 @@ TEST(Trace, LinesArePrefixedInUtcAndCut)
         const auto trace = [&message] { vos_trace_error("m", 7, "%s", message.c_str()); };
         EXPECT_EQ(output_of(trace), stamp + "ERROR:m:7:" + message.substr(0, 997) + "\n");
     }
-    for (size_t length = 980; length < 1030; ++length) { // to the end of the line and past it
+    for (const size_t length : {983U, 984U, 986U, 987U, 5000U}) { // to the end of the line, past it
         const std::string source(length, 's');
-        std::string wanted = stamp;
-        wanted.append("DUMP:").append(source).append(":-2147483648:");
-        wanted.resize(std::min<size_t>(wanted.size(), 1023));
-        const std::string prefix = wanted;
-        if (prefix.size() + 6 <= 1023) {
-            wanted.append("01 02 ");
-        } else if (prefix.size() + 3 <= 1023) {
-            wanted.append("01 \n").append(prefix).append("02 ");
-        }
+        const std::string prefix = (stamp + "DUMP:" + source + ":-2147483648:").substr(0, 1023);
+        const std::string bytes = length == 983  ? "01 02 "
+                                  : length > 986 ? ""
+                                                 : "01 \n" + prefix + "02 ";
         EXPECT_EQ(output_of([&] { vos_trace_dump(source.c_str(), INT_MIN, "\1\2", 2); }),
-                  wanted.append("\n"));
+                  prefix + bytes + "\n");
     }
 }
 

@@ -1,5 +1,4 @@
 #include <fstream>
-#include <set>
 
 #include "support.h"
 #include "vos_util.h"
@@ -46,12 +45,7 @@ TEST(Date, TextsBecomeSecondsAndBackInEveryZone)
         EXPECT_EQ(lines_of([text] { EXPECT_EQ(vos_util_parse_utc_date(text), 0U); }), invalid);
     }
     EXPECT_EQ(lines_of([] { EXPECT_EQ(vos_util_parse_local_date(""), 0U); }), invalid);
-    std::set<std::string> calls; // each line names its own
-    for (uint32_t (*parse)(const char *) : {vos_util_parse_local_date, vos_util_parse_utc_date}) {
-        calls.insert(output_of([parse] { parse("x"); }).substr(16));
-    }
-    calls.insert(output_of([] { vos_util_date_to_time(nullptr); }).substr(16));
-    EXPECT_EQ(calls.size(), 3U);
+    EXPECT_EQ(lines_of([] { EXPECT_EQ(vos_util_date_to_time(nullptr), 0U); }), invalid);
     EXPECT_EQ(lines_of([] { vos_util_parse_local_date("1999-12-31 23:59:59"); }),
               warning + "2006|");
     for (const auto &[date, seconds, lines] : Table<VosDate, uint32_t, std::string>{
