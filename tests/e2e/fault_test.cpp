@@ -135,7 +135,6 @@ TEST_F(Fault, OfACallIsToldOrOvercome)
         {"signal 2 1 22", "-u " + std::string(1023, 'x'), "catcher for the file-size limit\n", ""},
         {"getcwd 1 1 34", "-u fw", "File name too long, at most 1023 characters : fw\n"},
         {"pthread_create 1 1 11", "-c 3", "FATAL:app_lan:Can't start all of the LAN tasks", ""},
-        {"pthread_create 2 1 11", "-c 3", "FATAL:app_lan:Can't start all of the LAN tasks", ""},
         {"pthread_create 3 1 11", "-c 3", "FATAL:app_lan:Can't start all of the LAN tasks", ""},
         {"pthread_create 1 1 11", "--all -c 3", "FATAL:app_reader:Can't watch standard output", ""},
         {"send 1 1 101", "-c 3", none},

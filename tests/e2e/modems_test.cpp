@@ -40,7 +40,6 @@ TEST(Once, EndsWithAStatus)
         {2, "-g 101", READ, {empty, {CON, NOT_FOUND, 7}}, RESULT + "4.04\n", "4.04\n"},
         {2, "-r 16", N2_2400, {{ACK, NOT_FOUND}}, RESULT + "4.04\n", "4.04\n"},
         {2, "-d /no 64 5", START, {{ACK, CHANGED}}, ERROR + "Empty file for download(/no)\n"},
-        {2, "-u /no", "", {}, ERROR + "Empty firmware for upgrade(/no), name:manual\n"},
         {0, "", "", {}, "INFO:No action requested\n"},
         {3, "-c 3 --wait 1 --modem 0xa1b2c", "", {}, "app_main:No modem within 1 seconds\n"},
     };

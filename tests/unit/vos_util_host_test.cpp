@@ -44,11 +44,9 @@ TEST(System, GivesUpOnACommandAndCollectsItLater)
     static int aborted = 0; // in this process, as the module counts
     for (int i = 0; i < 11; ++i) {
         const std::string lines = lines_of([] { vos_util_system("sleep 2"); });
-        EXPECT_NE(lines.find(abort), std::string::npos);
         const bool tenth = ++aborted == 10;
         EXPECT_TRUE(lines.ends_with(tenth ? reset : abort)) << "nothing else happens";
         EXPECT_EQ(vos_task_count(), 1U);
-        EXPECT_EQ(lines.find(reset) != std::string::npos, tenth);
     }
     EXPECT_EQ(slept, 11ULL * 1199 * 100'000) << "microseconds of pauses";
     EXPECT_GT(new_blocks(), 0U);

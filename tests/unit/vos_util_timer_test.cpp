@@ -45,8 +45,8 @@ void on_expiry(uintptr_t argument)
 TEST(Timer, CommandsTakeEffectInTheirOrder)
 {
     Expiries e;
-    const auto change = [&e](uint32_t delay, uint32_t period, VosTimerCallback call) {
-        return vos_util_change_timer(&e.timer, delay, period, call, e.argument());
+    const auto change = [&e](uint8_t periodic, uint32_t ticks, VosTimerCallback call) {
+        return vos_util_change_timer(&e.timer, periodic, ticks, call, e.argument());
     };
     EXPECT_EQ(vos_util_start_timer(&e.timer, 0, 2, on_expiry, e.argument()), 1);
     EXPECT_EQ(vos_util_start_timer(&e.timer, 0, 1, on_expiry, e.argument()), 0) << "runs already";
