@@ -100,14 +100,14 @@ size_t __wrap_fwrite_unlocked(const void *data, size_t size, size_t count, FILE 
     return written;
 }
 
-// What the tool answers the library's question for the time with: the time of day stands still.
+// What the tool answers the library's question for the time with. A time of day stands still.
 int (*real_clock)(clockid_t clock, timespec *now);
 int stopped_clock(clockid_t clock, timespec *now)
 {
     const int result = real_clock(clock, now);
+    thread_local const timespec first = *now;
     if (waiting && fails("clock") && clock == CLOCK_REALTIME) {
-        static const timespec end = *now;
-        *now = end;
+        *now = first;
     }
     return result;
 }
