@@ -44,7 +44,6 @@ TEST(TraceFile, NamesAreCheckedAndJoined)
     for (const auto &[given_root, subdir, directory, lines] :
          Table<const char *, const char *, std::string, std::string>{
              {nullptr, "logs", none, invalid},
-             {root.c_str(), nullptr, none, invalid},
              {"/absent", "logs", none, invalid},
              {root.c_str(), "logs", root + "/logs/", ""},
              {"/absent", "logs", root + "/logs/", ""},
