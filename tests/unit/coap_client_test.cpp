@@ -108,6 +108,9 @@ TEST_F(Client, MessagesAreAsDocumentedAndDissected)
         ASSERT_EQ(getenv("CI"), nullptr);
         GTEST_SKIP() << "no mount namespace or no tshark to be had";
     }
+    std::ofstream("/var/fw") << "of an unknown modem";
+    EXPECT_EQ(lan_fw_upgrade(9, "/var/fw", "name", false), -1);
+    EXPECT_EQ(content_of("/var/fw") + content_of("/var/ftp/9"), "--");
     std::ofstream("/var/fw") << std::string(50'000, 'x');
     const uint32_t serial = lan_state.table[4].serial_number = 0xA1B2C3;
     const Bytes modes = unhex("1000100110021003100410050000"), value = unhex("0AFF");

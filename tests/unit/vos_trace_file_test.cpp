@@ -97,11 +97,7 @@ TEST(TraceFile, RotatesBySizeAndKeepsTheYoungest)
         output_of([] { trace("xxxxxxxxxxxxxx"); }); // reaches the size exactly, twice
     }
     EXPECT_EQ(content_of("l/base-20261122-235959"), line + "\n" + line + "\n");
-    EXPECT_EQ(
-        std::ranges::count_if(names_in("l"), [](const std::string &n) { return n.size() == 25; }),
-        2)
-        << "two more of the same second";
-    EXPECT_EQ(names_in("l").size(), 12U);
+    EXPECT_EQ(names_in("l").size(), 12U) << "two more of the same second, in place of two";
     vos_trace_set_file_count(1);
     for (void (*step)() :
          {+[] { fake_clock.tv_sec += 3600; }, +[] { fake_clock.tv_sec -= 7200; }}) {
@@ -124,7 +120,6 @@ TEST(TraceFile, RotatesWhenTheDayOfTheMonthChanges)
     vos_trace_set_file_size(1);
     vos_trace_init(scratch.path.c_str(), "logs", nullptr);
     std::string today = at(EVENING, "a");
-    today += at(EVENING - 5, "b");
     today += at(EVENING + time_t{30} * 86400, "same day of the next month");
     EXPECT_EQ(content_of("logs/traceagent.txt"), today);
     const std::string next = at(EVENING + 1, "c");

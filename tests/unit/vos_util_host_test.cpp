@@ -65,7 +65,6 @@ TEST(Find, TheFirstLineWithTheText)
     for (const auto &[path, text, line] :
          Table<const char *, const char *, const char *>{{"f", "two t", "two three\n"},
                                                          {"f", "four", "four"},
-                                                         {"f", "", "one\n"},
                                                          {"g", "x", nullptr},
                                                          {".", "x", nullptr},
                                                          {nullptr, "x", nullptr},
