@@ -5,7 +5,6 @@
 #include <atomic>
 #include <bit>
 #include <csignal>
-#include <poll.h>
 #include <sstream>
 #include <sys/time.h>
 
@@ -84,14 +83,6 @@ FAULTY(linkat, -1)
 // With its descriptor gone the stream itself meets the error.
 FAULTY(fread, (close(fileno(std::bit_cast<FILE *>(d))), __real_fread(a, b, c, d, e)))
 
-// Waiting for an output that has refused a line is always interrupted.
-int __real_poll(pollfd *outputs, nfds_t count, int limit);
-int __wrap_poll(pollfd *outputs, nfds_t count, int limit)
-{
-    errno = EINTR;
-    return plan.name == "write" ? -1 : __real_poll(outputs, count, limit);
-}
-
 // The lines of the trace, the only calls of this kind.
 size_t __real_fwrite_unlocked(const void *data, size_t size, size_t count, FILE *stream);
 size_t __wrap_fwrite_unlocked(const void *data, size_t size, size_t count, FILE *stream)
@@ -109,12 +100,15 @@ size_t __wrap_fwrite_unlocked(const void *data, size_t size, size_t count, FILE 
     return written;
 }
 
-// What the tool answers the library's question for the time with.
+// What the tool answers the library's question for the time with. A time of day stands still.
 int (*real_clock)(clockid_t clock, timespec *now);
-int stepped_clock(clockid_t clock, timespec *now)
+int stopped_clock(clockid_t clock, timespec *now)
 {
     const int result = real_clock(clock, now);
-    now->tv_sec += waiting && fails("clock") && clock == CLOCK_REALTIME ? plan.number : 0;
+    thread_local const timespec first = *now;
+    if (waiting && fails("clock") && clock == CLOCK_REALTIME) {
+        *now = first;
+    }
     return result;
 }
 
@@ -123,7 +117,7 @@ void *__wrap_dlsym(void *library, const char *name)
 {
     void *found = __real_dlsym(library, name);
     real_clock = std::bit_cast<decltype(real_clock)>(found);
-    return name == std::string_view("clock_gettime") ? std::bit_cast<void *>(&stepped_clock)
+    return name == std::string_view("clock_gettime") ? std::bit_cast<void *>(&stopped_clock)
                                                      : found;
 }
 

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <pty.h>
 #include <sys/ioctl.h>
@@ -14,29 +14,20 @@ namespace e2e
 {
 namespace
 {
-TEST(Filter, WritesTheFramesOfTheRealTool)
+TEST(Filter, WritesAFrameOfTheRealTool)
 {
     Peer modem;
-    FILE *filter = popen("exec 3>&1; { timeout 20 " WMBUSCTL_TOOL
-                         " & echo $! >&3; wait; } | " WMBUSCTL_FRAMES " --format hex",
-                         "re");
-    char line[4000];
-    ASSERT_NE(fgets(line, sizeof line, filter), nullptr);
-    const int tool = std::stoi(line);
+    FILE *filter =
+        popen("timeout 8 " WMBUSCTL_TOOL " | " WMBUSCTL_FRAMES " --format hex 2>&1", "re");
     do { // until it hears
         modem.send(encode(NON, POST, 1, "", "info_ind", info()), address(6));
     } while (modem.receive(milliseconds(100)).empty());
-    Bytes data = numbered(1);
-    for (const std::size_t size : {12U, 320U, 400U, 1365U}) { // 1400 bytes in all
-        while (data.size() < size) {
-            data += static_cast<char>(data.size() * 7);
-        }
-        std::string digits = hex(data);
-        digits.erase(std::remove(digits.begin(), digits.end(), ' '), digits.end());
-        modem.send(encode(NON, PUT, 2, "", "rx_msg_req", frame(data)), address(6));
-        EXPECT_TRUE(fscanf(filter, " %3999s", line) == 1 && line == digits) << line;
-    }
-    EXPECT_EQ(kill(tool, SIGTERM) + pclose(filter), 0);
+    const Bytes data(1365, 'x'); // 1400 bytes in all
+    modem.send(encode(NON, PUT, 2, "", "rx_msg_req", frame(data)), address(6));
+    char line[4000] = "";
+    EXPECT_TRUE(fscanf(filter, " %3999s", line) == 1 && strspn(line, "78") == 2 * data.size())
+        << line;
+    EXPECT_EQ(pclose(filter), 0);
 }
 
 // Standard output and error of a shell command, and its status behind them.

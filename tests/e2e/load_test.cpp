@@ -54,16 +54,12 @@ TEST_F(Load, ServerNeverWaitsForStandardOutputAndAllItTookIsPrintedInOrder)
     tool.expect(frame_lines(numbered(1)));
 }
 
-unsigned long from_environment(const char *name, unsigned long otherwise)
-{
-    const char *value = getenv(name);
-    return value == nullptr ? otherwise : std::stoul(value);
-}
-
 TEST_F(Load, MutatedDatagramsDoNoHarm)
 {
-    const unsigned long count = from_environment("E2E_MUTATIONS", 20'000);
-    const unsigned long seed = from_environment("E2E_SEED", std::random_device{}());
+    setenv("E2E_MUTATIONS", "20000", 0);
+    setenv("E2E_SEED", std::to_string(std::random_device{}()).c_str(), 0);
+    const unsigned long count = std::stoul(getenv("E2E_MUTATIONS"));
+    const unsigned long seed = std::stoul(getenv("E2E_SEED"));
     std::cout << "E2E_SEED=" << seed << " E2E_MUTATIONS=" << count << '\n';
     sim::Noise noise(SERIAL, static_cast<std::uint32_t>(seed));
     tool.ignore_rest();

@@ -1,7 +1,5 @@
-#include <fstream>
 #include <numeric>
 
-#include "../private_mounts.h"
 #include "app_lan_state.h"
 #include "support.h"
 #include "vos_mem.h"
@@ -49,19 +47,6 @@ TEST(Lan, StatisticsAreStoredByTheirOffsets)
         }
     }
     EXPECT_EQ(copy[4].info_time, 2'000'000'000U);
-}
-
-TEST(Lan, FirmwareForAnUnknownModemIsRemovedAgain)
-{
-    if (!make_mounts_private() || !mount_empty("/var")) {
-        ASSERT_EQ(getenv("CI"), nullptr);
-        GTEST_SKIP() << "no mount namespace to be had";
-    }
-    std::ofstream("/var/fw") << "firmware";
-    EXPECT_EQ(lines_of([] { EXPECT_EQ(lan_fw_upgrade(9, "/var/fw", "name", false), -1); }),
-              "DEBUG:app_lan:Request fw upgrade of Modem 9 (/var/fw)|"
-              "ERROR:app_lan:No Modem 9 for fw upgrade(9), name:name|");
-    EXPECT_EQ(content_of("/var/fw") + content_of("/var/ftp/9"), "--");
 }
 
 TEST(Lan, AMessageIsNotTakenWhenTooMuchWaits)

@@ -85,6 +85,7 @@ TEST(Waiting, EndsByTimeByAPostOrByAllBits)
     vos_signal_destroy(&signal);
     EXPECT_EQ(vos_signal_wait(signal, 0), 1) << "nothing to wait for";
     vos_event_delete(&(flags = vos_event_create("f"))); // at once: nobody waits
+    EXPECT_EQ(vos_event_wait(flags, 0, 1, &bits), 1) << "nothing to wait for";
     VosMutex *mutex = vos_mutex_create("m");
     vos_mutex_destroy(&mutex);
     EXPECT_TRUE(flags == nullptr && mutex == nullptr && new_blocks() == 0);
