@@ -29,7 +29,7 @@ struct ModemStats {
 
 // A modem that announced itself. A slot's fields change only under lan_modem; slots never move
 // and are never freed again.
-struct ModemEntry {
+struct ModemEntry { // NOLINT(clang-analyzer-optin.performance.Padding): in the order of its use
     coap_address_t address; // where the last info came from
     uint8_t present;        // 1 while the slot holds a modem
     uint32_t info_time;     // last accepted info, seconds since the epoch

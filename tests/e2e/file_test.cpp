@@ -215,22 +215,22 @@ TEST_F(Firmware, IsKeptAndItsInstallationWaitedFor)
         std::string arguments, path;
         std::size_t size;
         Bytes report; // none when empty
-        int status;
         std::string printed;
+        int status;
         bool stays = true, placed = false;
     } cases[] = {
-        {"--once --keep", "/tmp/fw", 10, "\1", 0, "of modem a1b2c3 is OK \n"},
-        {"--once", "/tmp/fw", 10, "\2", 2, "of modem a1b2c3 is KO \n", false},
-        {"--once --keep --wait=1", "/tmp/fw", 10, "", 2,
-         "ERROR:app_main:No report of the installation within 1 seconds\n", true, true},
-        {"--keep --at " + address(1), "/tmp/fw", 10, "", 0, RESULT + "2.04\n", true, true},
-        {"--keep --once", "/tmp/fw", 0, "", 2, "ERROR:app_lan:Empty firmware for upgrade"},
-        {"--keep --once", "/tmp/fw", 2'000'000, "", 2,
-         "ERROR:app_lan:Can not copy fw file /tmp/fw to " + PLACED + "\n"},
-        {"--keep --once", PLACED, 10, "", 2,
-         "ERROR:app_lan:Can't keep " + PLACED + " : it is the file in place\n", true, true},
+        {"--once --keep", "/tmp/fw", 10, "\1", "of modem a1b2c3 is OK \n", 0},
+        {"--once", "/tmp/fw", 10, "\2", "of modem a1b2c3 is KO \n", 2, false},
+        {"--once --keep --wait=1", "/tmp/fw", 10, "",
+         "ERROR:app_main:No report of the installation within 1 seconds\n", 2, true, true},
+        {"--keep --at " + address(1), "/tmp/fw", 10, "", RESULT + "2.04\n", 0, true, true},
+        {"--keep --once", "/tmp/fw", 0, "", "ERROR:app_lan:Empty firmware for upgrade", 2},
+        {"--keep --once", "/tmp/fw", 2'000'000, "",
+         "ERROR:app_lan:Can not copy fw file /tmp/fw to " + PLACED + "\n", 2},
+        {"--keep --once", PLACED, 10, "",
+         "ERROR:app_lan:Can't keep " + PLACED + " : it is the file in place\n", 2, true, true},
     };
-    for (const auto &[arguments, path, size, report, status, printed, stays, placed] : cases) {
+    for (const auto &[arguments, path, size, report, printed, status, stays, placed] : cases) {
         SCOPED_TRACE(arguments + printed);
         fs::remove_all("/var/ftp");
         fs::create_directory("/var/ftp");

@@ -56,10 +56,12 @@ TEST_F(Load, ServerNeverWaitsForStandardOutputAndAllItTookIsPrintedInOrder)
 
 TEST_F(Load, MutatedDatagramsDoNoHarm)
 {
-    setenv("E2E_MUTATIONS", "20000", 0);
-    setenv("E2E_SEED", std::to_string(std::random_device{}()).c_str(), 0);
-    const unsigned long count = std::stoul(getenv("E2E_MUTATIONS"));
-    const unsigned long seed = std::stoul(getenv("E2E_SEED"));
+    const auto number = [](const char *name, unsigned long otherwise) {
+        const char *given = getenv(name);
+        return given != nullptr ? std::stoul(given) : otherwise;
+    };
+    const unsigned long count = number("E2E_MUTATIONS", 20'000);
+    const unsigned long seed = number("E2E_SEED", std::random_device{}());
     std::cout << "E2E_SEED=" << seed << " E2E_MUTATIONS=" << count << '\n';
     sim::Noise noise(SERIAL, static_cast<std::uint32_t>(seed));
     tool.ignore_rest();

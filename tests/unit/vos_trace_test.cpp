@@ -41,7 +41,8 @@ TEST(Trace, LinesArePrefixedInUtcAndCut)
     }
     for (const size_t length : {983U, 984U, 986U, 987U, 5000U}) { // to the end of the line, past it
         const std::string source(length, 's');
-        const std::string prefix = (stamp + "DUMP:" + source + ":-2147483648:").substr(0, 1023);
+        const std::string whole = std::string(stamp).append("DUMP:").append(source);
+        const std::string prefix = (whole + ":-2147483648:").substr(0, 1023);
         const std::string bytes = length == 983  ? "01 02 "
                                   : length > 986 ? ""
                                                  : "01 \n" + prefix + "02 ";
