@@ -105,9 +105,8 @@ void abandon_screen()
 {
     std::string out;
     leave_screen(out);
-    signal(SIGTTOU, SIG_IGN); // or in the background the next calls would stop the program
+    signal(SIGTTOU, SIG_IGN); // or in the background the next call would stop the program
     tcflush(STDOUT_FILENO, TCOFLUSH);
-    tcflow(STDOUT_FILENO, TCOON); // after Ctrl-S
     // What it does not even take now, nobody can bring there.
     [[maybe_unused]] const ssize_t count = write(STDOUT_FILENO, out.data(), out.size());
 }
