@@ -270,7 +270,7 @@ std::string table_text(const Table &table, const Window &window)
     fit(widths, window.columns);
     std::string text;
     auto append_line = [&, lines = size_t{0}](std::string_view line) mutable {
-        if (window.lines != 0 && lines++ == window.lines) {
+        if (window.lines != 0 && lines++ >= window.lines) {
             return;
         }
         text += line.substr(0, window.lines != 0 ? window.columns : line.size());
