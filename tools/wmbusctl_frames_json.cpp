@@ -4,7 +4,6 @@
 #include "wmbusctl_frames_text.h"
 
 #include <algorithm>
-#include <charconv>
 
 namespace frames
 {
@@ -332,10 +331,8 @@ void append_bytes_member(std::string &out, const char *name, const uint8_t *byte
 
 void append_hex_text(std::string &out, uint32_t number)
 {
-    char digits[8];
-    const auto [end, error] = std::to_chars(digits, digits + sizeof digits, number, 16);
     out += '"';
-    out.append(digits, end);
+    out += hex_text(number);
     out += '"';
 }
 

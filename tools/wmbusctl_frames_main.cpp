@@ -71,6 +71,9 @@ bool write_out(std::string &out)
             left.remove_prefix(static_cast<size_t>(count));
         } else if (!may_retry(STDOUT_FILENO, POLLOUT)) {
             return false;
+        } else if (screen_signals.overdue != 0) { // and for a second nothing was taken
+            abandon_screen();
+            end_by_signal();
         }
     }
     out.clear();
@@ -102,9 +105,11 @@ bool draw(Run &run, bool is_changed)
     if (run.end != Clock::time_point::max()) {
         show_screen(run, false);
     } else if (is_changed || Clock::now() >= run.next_draw) {
-        const Window window = screen_window();
-        show_screen(run, true);
-        draw_screen(run.out, table_text(run.table, window), window);
+        if (is_in_front()) {
+            const Window window = screen_window();
+            show_screen(run, true);
+            draw_screen(run.out, table_text(run.table, window), window);
+        }
         run.next_draw = Clock::now() + REDRAW_EVERY;
     }
     return write_out(run.out);
@@ -296,8 +301,7 @@ int main(int argc, char **argv)
     }
     const int status = take_all(run);
     if (screen_signals.end != 0) { // as it would have ended without a screen to leave
-        signal(screen_signals.end, SIG_DFL);
-        raise(screen_signals.end);
+        end_by_signal();
     }
     return status;
 }

@@ -45,7 +45,7 @@ constexpr const char *HELP =
     "Examples:\n"
     "  wmbusctl -r 16 | wmbusctl-frames | jq .identification\n"
     "  wmbusctl -r 16 | wmbusctl-frames --format csv > frames.csv\n"
-    "  journalctl -f -u wmbusctl -o cat | wmbusctl-frames --format table\n";
+    "  journalctl -f -t wmbusctl -o cat | wmbusctl-frames --format table\n";
 
 [[noreturn]] void refuse_usage()
 {

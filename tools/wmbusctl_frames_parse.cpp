@@ -38,11 +38,6 @@ constexpr std::array<uint8_t, 256> make_digit_values()
 
 constexpr std::array<uint8_t, 256> DIGIT_VALUES = make_digit_values();
 
-bool is_digit(char c)
-{
-    return c >= '0' && c <= '9';
-}
-
 bool is_stamped(std::string_view line)
 {
     return line.size() > STAMP_SIZE && line.size() <= LINE_SIZE_MAX && line[8] == '-' &&

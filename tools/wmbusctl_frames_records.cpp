@@ -14,10 +14,10 @@ namespace frames
 namespace
 {
 
-std::string number_text(int64_t number, int base = 10)
+std::string number_text(int64_t number)
 {
     char text[24];
-    const auto [end, error] = std::to_chars(text, text + sizeof text, number, base);
+    const auto [end, error] = std::to_chars(text, text + sizeof text, number);
     return {text, end};
 }
 
@@ -40,7 +40,7 @@ using Fields = std::array<Field, 12>; // all but the frame itself
 Fields make_fields(const Frame &frame)
 {
     Fields fields{{{"time", true, {}},
-                   {"modem", true, number_text(frame.modem, 16)},
+                   {"modem", true, hex_text(frame.modem)},
                    {"manufacturer", true, {}},
                    {"identification", true, {}},
                    {"version", false, {}},

@@ -1,5 +1,7 @@
 #include "wmbusctl_frames_table.h"
 
+#include "wmbusctl_frames_text.h"
+
 #include <algorithm>
 #include <functional>
 #include <numeric>
@@ -106,17 +108,6 @@ std::string seen_text(int64_t seen, int64_t newest)
     return seen / DAY == newest / DAY ? text.substr(DATE_SIZE + 1) : text.substr(0, DATE_SIZE);
 }
 
-std::string modem_text(uint32_t modem)
-{
-    std::string text;
-    for (int shift = 28; shift >= 0; shift -= 4) {
-        if (modem >> shift != 0 || shift == 0) {
-            text += "0123456789abcdef"[modem >> shift & 0xF];
-        }
-    }
-    return text;
-}
-
 std::string mean_text(const TableRow &row)
 {
     const auto frames = static_cast<int64_t>(row.frames);
@@ -144,7 +135,7 @@ Cells make_cells(const TableRow &row, int64_t newest)
             identification_text(row.meter),
             std::to_string(row.meter.version),
             device_type_name(row.meter),
-            modem_text(row.modem),
+            hex_text(row.modem),
             std::to_string(row.frames),
             seen_text(row.seen, newest),
             interval_text(row),
@@ -247,7 +238,7 @@ void add_frame(Table &table, const Frame &frame)
     }
     note_rssi(row, frame.rssi);
     row.modem = frame.modem;
-    row.seen = std::max(row.seen, seen);
+    row.seen = seen; // also when the clock has been ahead
     ++row.frames;
 }
 
@@ -278,7 +269,10 @@ std::string table_text(const Table &table, const Window &window)
     }
     fit(widths, window.columns);
     std::string text;
-    const auto append_line = [&](std::string_view line) {
+    auto append_line = [&, lines = size_t{0}](std::string_view line) mutable {
+        if (window.lines != 0 && lines++ >= window.lines) {
+            return;
+        }
         text += line.substr(0, window.lines != 0 ? window.columns : line.size());
         text += '\n';
     };

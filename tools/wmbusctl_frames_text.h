@@ -4,11 +4,26 @@
 
 #include <charconv>
 #include <cstddef>
+#include <cstdint>
+#include <string>
 #include <string_view>
 #include <system_error>
 
 namespace frames
 {
+
+constexpr bool is_digit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+// As wmbusctl prints a serial number: lower case, without leading zeros.
+inline std::string hex_text(uint32_t number)
+{
+    char digits[8];
+    const auto [end, error] = std::to_chars(digits, digits + sizeof digits, number, 16);
+    return {digits, end};
+}
 
 [[gnu::always_inline]] inline bool skip(std::string_view &text, std::string_view start)
 {

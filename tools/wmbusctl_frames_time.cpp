@@ -1,5 +1,7 @@
 #include "wmbusctl_frames_time.h"
 
+#include "wmbusctl_frames_text.h"
+
 #include <algorithm>
 #include <chrono>
 
@@ -12,11 +14,6 @@ namespace
 using namespace std::chrono;
 
 constexpr int64_t DAY = 86400;
-
-bool is_digit(char c)
-{
-    return c >= '0' && c <= '9';
-}
 
 // The text has digits only.
 unsigned number_of(std::string_view digits)

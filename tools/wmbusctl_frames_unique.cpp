@@ -13,7 +13,7 @@ namespace
 
 constexpr uint32_t NONE = UINT32_MAX;
 constexpr uint64_t SPREAD = 0x9E3779B97F4A7C15;
-static_assert(std::has_single_bit(UNIQUE_MAX));
+static_assert(std::has_single_bit(UNIQUE_CHAINS));
 
 struct State {
     uint64_t v[4];
@@ -70,7 +70,7 @@ uint32_t distance(uint32_t a, uint32_t b)
 // Each span has chains of its own, and none holds a frame twice: so they are short, whatever comes.
 uint32_t &chain_of(Unique &unique, uint64_t hash, uint64_t span_number)
 {
-    return unique.chains[(hash + span_number * SPREAD) >> 32 & (UNIQUE_MAX - 1)];
+    return unique.chains[(hash + span_number * SPREAD) >> 32 & (UNIQUE_CHAINS - 1)];
 }
 
 bool is_known(Unique &unique, uint64_t hash, uint32_t seconds)
@@ -119,7 +119,7 @@ bool prepare_unique(Unique &unique, uint32_t span)
 {
     unique.span = span;
     unique.entries.reserve(UNIQUE_MAX);
-    unique.chains.assign(UNIQUE_MAX, NONE);
+    unique.chains.assign(UNIQUE_CHAINS, NONE);
     ssize_t got = 0;
     do {
         got = getrandom(unique.key, sizeof unique.key, 0);

@@ -11,7 +11,8 @@
 namespace frames
 {
 
-constexpr size_t UNIQUE_MAX = 131072; // frames remembered; 20 bytes each
+constexpr size_t UNIQUE_MAX = 100000;   // frames remembered; 16 bytes each
+constexpr size_t UNIQUE_CHAINS = 65536; // of 4 bytes each
 
 struct Unique {
     struct Entry {

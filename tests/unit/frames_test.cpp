@@ -206,23 +206,25 @@ TEST(Frames, MakeATableOfTheirMeters)
         add_frame(table,
                   make_frame(water + "0" + "0123456789ABCDEF"[i / 2], 86390 + i / 2 * 16, -60 - i));
     }
+    add_frame(table, make_frame(heat + "01", INT32_MAX, -255)); // by a clock that was ahead
     add_frame(table, make_frame(heat + "01", 40, -255));
     add_repeated(table, make_frame(heat + "01", 40));
     add_frame(table, make_frame("0244", 50));
     const std::string head = "Man Ident    Ver Type                 Modem Frames       Seen Every "
                              "RSSI  Low Mean High Rep\n";
     const std::string text =
-        "Meters: 2, frames: 23, last: 1970-01-02 00:02:30 UTC, 1 too short for "
+        "Meters: 2, frames: 24, last: 1970-01-02 00:02:30 UTC, 1 too short for "
         "a meter\n" +
         head +
         "AQA 10203040   1 Water               a1b2c3     21   00:02:30   16s "
         " -80  -80  -70  -60  10\n"
-        "HOT 20230517  17 Heat cost allocator a1b2c3      1 1970-01-01     - "
+        "HOT 20230517  17 Heat cost allocator a1b2c3      2 1970-01-01     - "
         "-255 -255 -255 -255   1\n";
     EXPECT_EQ(table_text(table, {0, 0}), text);
-    EXPECT_EQ(table_text(table, {30, 3}), "Meters: 2, frames: 23, last: 1\n"
+    EXPECT_EQ(table_text(table, {30, 3}), "Meters: 2, frames: 24, last: 1\n"
                                           "Man Ident Ver Type Modem Frame\n"
                                           "... and 2 more\n");
+    EXPECT_EQ(table_text(table, {30, 1}), "Meters: 2, frames: 24, last: 1\n");
     for (unsigned i = 0; i < TABLE_SIZE_MAX + 1; ++i) {
         Frame frame = make_frame(heat, 86400);
         memcpy(frame.bytes + 4, &i, sizeof i);
