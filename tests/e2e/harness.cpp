@@ -279,6 +279,17 @@ Process::~Process()
     close(errors_);
 }
 
+std::string Process::errors() const
+{
+    std::string all = content_of("/proc/self/fd/" + std::to_string(errors_));
+    const std::string id = "mid=0x";
+    for (std::size_t at = 0; (at = all.find(id, at)) != std::string::npos;) {
+        at += id.size();
+        all.erase(at, std::min(all.find_first_not_of('0', at), all.size()) - at);
+    }
+    return all;
+}
+
 void Process::read_output(int pipe)
 {
     std::vector<char> buffer(65536);

@@ -87,7 +87,7 @@ public:
     int exit_status(); // waits for the program to end by itself
     // The same, with all that it has printed since.
     int exit_status(std::string &printed);
-    std::string errors() const { return content_of("/proc/self/fd/" + std::to_string(errors_)); }
+    std::string errors() const; // releases of the library pad a message id, or don't: without zeros
     std::string proc_file(const char *name) const;
 
 private:
